@@ -1,0 +1,30 @@
+// Application commands (network function 0x06) of the simulated controller.
+#include "qelIpmi.h"
+#include "qelIpmiCommands.h"
+#include "qelSimBmc.h"
+
+namespace qelSim {
+
+Bytes SimBmc::defaultDeviceId() {
+    using qelIpmi::vendorIana;
+    return {
+        qelIpmi::cc::ok,
+        0x20,        // device id
+        0x81,        // device revision 1, provides SDRs
+        0x01,        // firmware revision 1: device available, major 1
+        0x07,        // firmware revision 2: minor 07 (BCD)
+        0x02,        // IPMI version 2.0
+        0xBF,        // additional device support
+        vendorIana[0], vendorIana[1], vendorIana[2],  // manufacturer id
+        0x34, 0x12,  // product id 0x1234
+        0x00, 0x00, 0x00, 0x47,  // auxiliary firmware revision; 'G': OEM features present
+    };
+}
+
+void registerAppCommands(SimBmc& bmc) {
+    // Get Device ID: the configured bytes, whatever the request carried.
+    bmc.setHandler(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId,
+                   [&bmc](const Request&) { return bmc.deviceId(); });
+}
+
+}  // namespace qelSim

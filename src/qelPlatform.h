@@ -1,0 +1,70 @@
+// The platform seam: everything the library asks of the host that a test must
+// be able to present differently.
+//
+// - Fixed paths ("/dev/mem", "/var/run/qeld.pid", the ESXi files) are opened
+//   under a root prefix, so a test can lay out a host in a temp directory.
+// - uname, the host name, the wall clock and sysinfo can be overridden, so a
+//   test can present an ESXi kernel or move the clock past a time gate.
+// - The network inventory's socket calls (interface ioctls, getifaddrs, the
+//   netlink socket) can be replaced to feed crafted data.
+//
+// Production uses the real calls: the default Platform forwards to libc and
+// its root prefix is empty. A test installs its own object with setPlatform()
+// before it creates library objects and restores the default afterwards; the
+// library never changes the installed object itself.
+#ifndef QEL_PLATFORM_H
+#define QEL_PLATFORM_H
+
+#include <sys/types.h>
+#include <time.h>
+
+#include <string>
+
+#include "qelExport.h"
+
+struct utsname;
+struct sysinfo;
+struct ifaddrs;
+
+namespace qelPlatform {
+
+class QEL_EXPORT Platform {
+public:
+    Platform();
+    virtual ~Platform();
+
+    // The prefix put in front of every fixed path; empty in production.
+    void setRoot(const std::string& root) { root_ = root; }
+    const std::string& root() const { return root_; }
+    // Where the fixed path `path` ("/dev/mem", ...) is to be opened.
+    virtual std::string path(const std::string& path) const;
+
+    virtual int uname(struct utsname* out) const;
+    virtual int gethostname(char* name, size_t length) const;
+    virtual time_t time() const;
+    virtual int clockGettime(clockid_t clock, struct timespec* out) const;
+    virtual int sysinfo(struct sysinfo* out) const;
+
+    // Network inventory.
+    virtual int socket(int domain, int type, int protocol) const;
+    virtual int ioctl(int fd, unsigned long request, void* argument) const;
+    virtual int getifaddrs(struct ifaddrs** out) const;
+    virtual void freeifaddrs(struct ifaddrs* list) const;
+    virtual ssize_t send(int fd, const void* data, size_t length, int flags) const;
+    virtual ssize_t recv(int fd, void* data, size_t length, int flags) const;
+    virtual int close(int fd) const;
+
+private:
+    std::string root_;
+};
+
+// The installed platform; the real one unless a test installed another.
+QEL_EXPORT Platform& platform();
+
+// Installs `replacement` (not owned; nullptr restores the real platform) and
+// returns what was installed before.
+QEL_EXPORT Platform* setPlatform(Platform* replacement);
+
+}  // namespace qelPlatform
+
+#endif

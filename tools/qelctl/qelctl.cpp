@@ -1,0 +1,78 @@
+// qelctl: the administrator's view of the controller as the agent sees it.
+//
+//   qelctl [--simulate] device-id    Get Device ID, raw and decoded
+//
+// --simulate answers from the built-in simulated controller instead of the
+// kernel's IPMI device, for machines without a BMC.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "qelIpmi.h"
+#include "qelIpmiCommands.h"
+#include "qelSimDevice.h"
+
+namespace {
+
+int usage(FILE* out) {
+    std::fputs(
+        "usage: qelctl [--simulate] device-id\n"
+        "  --simulate   use the built-in simulated controller, not /dev/ipmi0\n",
+        out);
+    return out == stdout ? 0 : 2;
+}
+
+int deviceId() {
+    qelIpmi::QelIpmi ipmi(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+    qelIpmi::QelIpmi_request_msg msg(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId, 0, nullptr);
+    if (!ipmi.sendCmd(msg) || msg.responseLength == 0) {
+        std::fprintf(stderr, "qelctl: no answer to Get Device ID\n");
+        return 1;
+    }
+    const unsigned char* r = msg.responseData;
+    std::printf("raw:");
+    for (std::size_t i = 0; i < msg.responseLength; ++i) std::printf(" %02x", r[i]);
+    std::printf("\n");
+    if (r[0] != qelIpmi::cc::ok) {
+        std::fprintf(stderr, "qelctl: Get Device ID failed with completion code 0x%02x\n", r[0]);
+        return 1;
+    }
+    if (msg.responseLength < 12) {
+        std::fprintf(stderr, "qelctl: Get Device ID answer too short (%zu bytes)\n",
+                     msg.responseLength);
+        return 1;
+    }
+    std::printf("device id:          0x%02x\n", r[1]);
+    std::printf("device revision:    %u\n", r[2] & 0x0F);
+    std::printf("firmware revision:  %u.%02x\n", r[3] & 0x7F, r[4]);
+    std::printf("IPMI version:       %u.%u\n", r[5] & 0x0F, r[5] >> 4);
+    std::printf("manufacturer id:    %u\n", r[7] | (r[8] << 8) | (r[9] << 16));
+    std::printf("product id:         0x%04x\n", r[10] | (r[11] << 8));
+    if (msg.responseLength >= 16)
+        std::printf("aux firmware rev:   %02x %02x %02x %02x\n", r[12], r[13], r[14], r[15]);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool simulate = false;
+    std::string command;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--simulate") == 0) simulate = true;
+        else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) return usage(stdout);
+        else if (command.empty()) command = argv[i];
+        else return usage(stderr);
+    }
+    if (command.empty()) return usage(stderr);
+
+    std::unique_ptr<qelSim::ScopedSimulator> sim;
+    if (simulate) sim = std::make_unique<qelSim::ScopedSimulator>();
+    try {
+        if (command == "device-id") return deviceId();
+    } catch (qelIpmi::QelIpmiError& e) {
+        std::fprintf(stderr, "qelctl: %s", e.what());
+        return 1;
+    }
+    return usage(stderr);
+}
