@@ -104,6 +104,26 @@ bool SimBmc::realTimeouts() const {
     return realTimeouts_;
 }
 
+void SimBmc::openAttempted(const std::string& path) {
+    Lock lock(mutex_);
+    openAttempts_.push_back(path);
+}
+
+std::vector<std::string> SimBmc::openAttempts() const {
+    Lock lock(mutex_);
+    return openAttempts_;
+}
+
+void SimBmc::selectCalled() {
+    Lock lock(mutex_);
+    ++selectCalls_;
+}
+
+int SimBmc::selectCalls() const {
+    Lock lock(mutex_);
+    return selectCalls_;
+}
+
 void SimBmc::deviceOpened(const std::string& path) {
     Lock lock(mutex_);
     ++openDevices_;

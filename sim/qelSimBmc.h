@@ -154,10 +154,17 @@ public:
     bool realTimeouts() const;
 
     // ---- devices
+    // Every open the library tried, in order, whether it succeeded or not.
+    void openAttempted(const std::string& path);
+    std::vector<std::string> openAttempts() const;
     void deviceOpened(const std::string& path);
     void deviceClosed();
     int openDevices() const;
     std::vector<std::string> openedPaths() const;
+    // How often select was called on any device: one exchange makes one call
+    // per pass of the library's receive loop.
+    void selectCalled();
+    int selectCalls() const;
 
     // ---- clock, in milliseconds since the controller started
     std::uint64_t nowMs() const;
@@ -185,6 +192,8 @@ private:
     bool realTimeouts_ = false;
     int openDevices_ = 0;
     std::vector<std::string> openedPaths_;
+    std::vector<std::string> openAttempts_;
+    int selectCalls_ = 0;
     std::uint64_t nowMs_ = 0;
     std::vector<std::function<void(std::uint64_t)>> tickers_;
     Bytes deviceId_;

@@ -141,6 +141,7 @@ int SimDevice::send(void* argument) {
 }
 
 int SimDevice::select(int nfds, fd_set* readSet, struct timeval* timeout) {
+    bmc_.selectCalled();
     if (selectFault_ && selectFault_->kind != Fault::ReceiveFails) {
         Fault f = *selectFault_;
         selectFault_.reset();
@@ -219,6 +220,7 @@ int SimDevice::receive(void* argument) {
 }
 
 std::unique_ptr<qelIpmi::QelIpmiDevice> SimDeviceProvider::open(const char* path, int) {
+    bmc_.openAttempted(path);
     if (bmc_.pathMissing(path)) {
         errno = ENOENT;
         return nullptr;

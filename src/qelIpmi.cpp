@@ -39,6 +39,8 @@ QelIpmiError::~QelIpmiError() = default;
 
 const char* QelIpmiError::what() { return errorText.c_str(); }
 
+QEL_DEFINE_ERROR(QelIpmiLanError)
+
 // ---------------------------------------------------------------- IANA
 
 #ifndef QEL_VENDOR_IANA

@@ -45,6 +45,10 @@ public:
     virtual const char* what();
 };
 
+// Belongs to the LAN configuration reader; nothing throws it today, but
+// callers catch it by name.
+QEL_DECLARE_ERROR(QelIpmiLanError);
+
 // The vendor IANA enterprise number, least significant byte first, as it
 // heads the data of every OEM command (set at configure time).
 QEL_EXPORT extern const unsigned char vendorIana[3];

@@ -1,0 +1,3 @@
+#include "qelBladeInfo.h"
+
+QEL_DEFINE_ERROR(QelBladeInfoError)

@@ -1,0 +1,3 @@
+#include "qelConfSpaceData.h"
+
+QEL_DEFINE_ERROR(QelConfSpaceDataError)

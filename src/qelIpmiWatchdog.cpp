@@ -1,0 +1,7 @@
+#include "qelIpmiWatchdog.h"
+
+namespace qelIpmi {
+
+QEL_DEFINE_ERROR(QelIpmiWatchdogError)
+
+}  // namespace qelIpmi
