@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the tools need, and
+# nothing when they are all present already (so a warm machine does not wait
+# for apt). Needs root; the project's machines run as root.
+set -euo pipefail
+
+packages=(
+  cmake g++ make pkg-config          # build
+  libgtest-dev libgmock-dev          # unit tests
+  libbenchmark-dev                   # benchmarks
+  iproute2                           # network-namespace tests: ip netns, veth, macvlan
+  dmidecode                          # independent reader of SMBIOS tables
+  python3                            # JSON oracle helpers in the system tests
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "installing: ${missing[*]}"
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps: need root to install ${missing[*]}" >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

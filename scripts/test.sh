@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: the plain build, the whole suite
+# under AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded code
+# under ThreadSanitizer. Installs what a fresh Debian machine lacks first.
+# Exits non-zero when anything fails.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$PWD
+jobs=$(nproc)
+
+scripts/install-deps.sh
+
+configure_and_build() {
+  local dir=$1; shift
+  echo "== build $dir"
+  cmake -S "$top" -B "$dir" -DQEL_BUILD_BENCH=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+}
+
+run_tests() {
+  local dir=$1; shift
+  echo "== test $dir"
+  ctest --test-dir "$dir" --output-on-failure --no-tests=error -j"$jobs" "$@"
+}
+
+configure_and_build build/plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_tests build/plain
+
+configure_and_build build/asan -DCMAKE_BUILD_TYPE=Debug -DQEL_SANITIZE=address,undefined -DQEL_BUILD_BENCH=OFF
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_tests build/asan
+
+configure_and_build build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_SANITIZE=thread -DQEL_BUILD_BENCH=OFF
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests build/tsan -L tsan
+
+# The benchmarks build in the plain tree; run each once, briefly, so a broken
+# benchmark is noticed here and not on the day somebody measures.
+echo "== bench smoke"
+for b in build/plain/bench/bench_*; do
+  [ -x "$b" ] || continue
+  "$b" --benchmark_min_time=0.01 >/dev/null
+done
+echo "== all tests passed"
