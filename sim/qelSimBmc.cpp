@@ -6,7 +6,10 @@ namespace qelSim {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-SimBmc::SimBmc() : deviceId_(defaultDeviceId()) { registerAppCommands(*this); }
+SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
+    registerAppCommands(*this);
+    registerWatchdogCommands(*this);
+}
 
 void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler) {
     Lock lock(mutex_);

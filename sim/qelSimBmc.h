@@ -21,6 +21,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -29,6 +30,8 @@
 #include <vector>
 
 namespace qelSim {
+
+class SimWatchdog;  // qelSimWatchdog.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -178,6 +181,9 @@ public:
     Bytes deviceId() const;
     static Bytes defaultDeviceId();
 
+    // ---- the watchdog timer (qelSimWatchdog.h): its state and events
+    SimWatchdog& watchdog();
+
     // Handlers and tickers run with this mutex held; it is recursive, so they
     // may use the public interface.
     std::recursive_mutex& mutex() const { return mutex_; }
@@ -197,10 +203,12 @@ private:
     std::uint64_t nowMs_ = 0;
     std::vector<std::function<void(std::uint64_t)>> tickers_;
     Bytes deviceId_;
+    std::shared_ptr<SimWatchdog> watchdog_;
 };
 
 // Command groups; each registers its handlers on a controller.
 void registerAppCommands(SimBmc& bmc);
+void registerWatchdogCommands(SimBmc& bmc);
 
 }  // namespace qelSim
 
