@@ -9,6 +9,7 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerAppCommands(*this);
     registerWatchdogCommands(*this);
+    registerConfSpaceCommands(*this);
 }
 
 void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler) {

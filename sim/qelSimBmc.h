@@ -32,6 +32,7 @@
 namespace qelSim {
 
 class SimWatchdog;  // qelSimWatchdog.h
+class SimConfSpace;  // qelSimConfSpace.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -184,6 +185,9 @@ public:
     // ---- the watchdog timer (qelSimWatchdog.h): its state and events
     SimWatchdog& watchdog();
 
+    // ---- the configuration space (qelSimConfSpace.h): variables, agent state
+    SimConfSpace& confSpace();
+
     // Handlers and tickers run with this mutex held; it is recursive, so they
     // may use the public interface.
     std::recursive_mutex& mutex() const { return mutex_; }
@@ -204,11 +208,13 @@ private:
     std::vector<std::function<void(std::uint64_t)>> tickers_;
     Bytes deviceId_;
     std::shared_ptr<SimWatchdog> watchdog_;
+    std::shared_ptr<SimConfSpace> confSpace_;
 };
 
 // Command groups; each registers its handlers on a controller.
 void registerAppCommands(SimBmc& bmc);
 void registerWatchdogCommands(SimBmc& bmc);
+void registerConfSpaceCommands(SimBmc& bmc);
 
 }  // namespace qelSim
 

@@ -30,11 +30,17 @@ constexpr unsigned char readFruData = 0x11;
 constexpr unsigned char writeFruData = 0x12;
 // netfn::transport
 constexpr unsigned char getLanConfigParameters = 0x02;
+// netfn::oemGroup (data start with the vendor IANA number; see confSpace below)
+constexpr unsigned char configSpace = 0xE0;            // read or write a configuration-space variable
+constexpr unsigned char agentConnectionStatus = 0x02;  // query or set the agent connection status
 }  // namespace cmd
 
 // Completion codes (response byte 0).
 namespace cc {
 constexpr unsigned char ok = 0x00;
+// Command-specific: a configuration variable the controller does not have
+// (as for the IPMI configuration-parameter commands).
+constexpr unsigned char parameterNotSupported = 0x80;
 constexpr unsigned char nodeBusy = 0xC0;
 constexpr unsigned char invalidCommand = 0xC1;
 constexpr unsigned char timeout = 0xC3;
@@ -44,6 +50,31 @@ constexpr unsigned char cannotReturnRequestedBytes = 0xCA;
 constexpr unsigned char invalidDataField = 0xCC;
 constexpr unsigned char unspecified = 0xFF;
 }  // namespace cc
+
+// Byte layout of the configuration-space command (cmd::configSpace) and the
+// agent connection command (cmd::agentConnectionStatus), shared by the
+// library and the simulated controller.
+namespace confSpace {
+// Request: IANA (3 bytes, least significant first), operation, 0x00,
+// variable number (2 bytes, little-endian); a write adds the length and data.
+constexpr unsigned char opRead = 0x01;
+constexpr unsigned char opWrite = 0x02;
+constexpr unsigned int requestIana = 0;
+constexpr unsigned int requestOperation = 3;
+constexpr unsigned int requestIndex = 4;  // always 0x00
+constexpr unsigned int requestVariable = 5;
+constexpr unsigned int requestLength = 7;
+constexpr unsigned int requestValue = 8;
+constexpr unsigned int readRequestSize = 7;
+constexpr unsigned int maxValueLength = 255;  // one length byte
+// Response: completion code, IANA (3 bytes), value length, value.
+constexpr unsigned int responseIana = 1;
+constexpr unsigned int responseLength = 4;
+constexpr unsigned int responseValue = 5;
+// Agent connection request: IANA, then one byte: query or the new state.
+constexpr unsigned char agentQuery = 0x08;
+constexpr unsigned int agentRequestSize = 4;
+}  // namespace confSpace
 
 }  // namespace qelIpmi
 
