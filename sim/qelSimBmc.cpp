@@ -8,6 +8,7 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 
 SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerAppCommands(*this);
+    registerFruCommands(*this);
     registerWatchdogCommands(*this);
     registerConfSpaceCommands(*this);
 }

@@ -31,6 +31,8 @@
 
 namespace qelSim {
 
+class SimFru;  // qelSimFru.h
+
 class SimWatchdog;  // qelSimWatchdog.h
 class SimConfSpace;  // qelSimConfSpace.h
 
@@ -182,6 +184,9 @@ public:
     Bytes deviceId() const;
     static Bytes defaultDeviceId();
 
+    // ---- FRU storage and the PNI locate command (qelSimFru.h)
+    SimFru& fru();
+
     // ---- the watchdog timer (qelSimWatchdog.h): its state and events
     SimWatchdog& watchdog();
 
@@ -207,12 +212,14 @@ private:
     std::uint64_t nowMs_ = 0;
     std::vector<std::function<void(std::uint64_t)>> tickers_;
     Bytes deviceId_;
+    std::shared_ptr<SimFru> fru_;
     std::shared_ptr<SimWatchdog> watchdog_;
     std::shared_ptr<SimConfSpace> confSpace_;
 };
 
 // Command groups; each registers its handlers on a controller.
 void registerAppCommands(SimBmc& bmc);
+void registerFruCommands(SimBmc& bmc);
 void registerWatchdogCommands(SimBmc& bmc);
 void registerConfSpaceCommands(SimBmc& bmc);
 

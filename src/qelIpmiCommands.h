@@ -76,6 +76,46 @@ constexpr unsigned char agentQuery = 0x08;
 constexpr unsigned int agentRequestSize = 4;
 }  // namespace confSpace
 
+// FRU storage (Read/Write FRU Data, Get FRU Inventory Area Info) and the PNI
+// locate command (netfn::oemPni), which names the FRU device holding the PNI
+// port records.
+namespace cmd {
+// netfn::storage
+constexpr unsigned char getFruInventoryAreaInfo = 0x10;
+// netfn::oemPni: request pniLocateRequest; response completion code, FRU
+// device id, FRU capacity (2 bytes, least significant first).
+constexpr unsigned char pniLocate = 0x40;
+}  // namespace cmd
+
+namespace cc {
+// Requested sensor, data or record not present (an unknown FRU device id).
+constexpr unsigned char notPresent = 0xCB;
+}  // namespace cc
+
+namespace fruData {
+// Read FRU Data request: device id, offset (2 bytes, least significant
+// first), count. Response: completion code, count returned, data.
+// Write FRU Data request: device id, offset (2 bytes), data. Response:
+// completion code, count written.
+constexpr unsigned int requestDeviceId = 0;
+constexpr unsigned int requestOffset = 1;
+constexpr unsigned int readRequestCount = 3;
+constexpr unsigned int readRequestSize = 4;
+constexpr unsigned int writeRequestData = 3;
+constexpr unsigned int responseCount = 1;
+constexpr unsigned int readResponseData = 2;
+// Get FRU Inventory Area Info: request the device id; response completion
+// code, size (2 bytes, least significant first), access (bit 0: 1 = words).
+constexpr unsigned int infoResponseSize = 4;
+}  // namespace fruData
+
+namespace pniLocate {
+constexpr unsigned char request[2] = {0xFF, 0xFF};
+constexpr unsigned int responseDeviceId = 1;
+constexpr unsigned int responseCapacity = 2;  // 2 bytes, least significant first
+constexpr unsigned int responseSize = 4;
+}  // namespace pniLocate
+
 }  // namespace qelIpmi
 
 #endif
