@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -39,6 +40,19 @@ ssize_t Platform::recv(int fd, void* data, size_t length, int flags) const {
     return ::recv(fd, data, length, flags);
 }
 int Platform::close(int fd) const { return ::close(fd); }
+
+unsigned int Platform::sleep(unsigned int seconds) const { return ::sleep(seconds); }
+unsigned int Platform::alarm(unsigned int seconds) const { return ::alarm(seconds); }
+int Platform::condTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                            const struct timespec* deadline) const {
+    return ::pthread_cond_timedwait(cond, mutex, deadline);
+}
+
+void Platform::openlog(const char* ident, int option, int facility) const {
+    ::openlog(ident, option, facility);
+}
+void Platform::syslog(int priority, const char* text) const { ::syslog(priority, "%s", text); }
+void Platform::closelog() const { ::closelog(); }
 
 namespace {
 Platform& realPlatform() {

@@ -7,6 +7,9 @@
 //   test can present an ESXi kernel or move the clock past a time gate.
 // - The network inventory's socket calls (interface ioctls, getifaddrs, the
 //   netlink socket) can be replaced to feed crafted data.
+// - The agent's waits (sleep, the timed condition wait, alarm) and its syslog
+//   can be observed and driven, so a test runs many loop passes without
+//   waiting for them and reads what was logged.
 //
 // Production uses the real calls: the default Platform forwards to libc and
 // its root prefix is empty. A test installs its own object with setPlatform()
@@ -15,6 +18,7 @@
 #ifndef QEL_PLATFORM_H
 #define QEL_PLATFORM_H
 
+#include <pthread.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -53,6 +57,20 @@ public:
     virtual ssize_t send(int fd, const void* data, size_t length, int flags) const;
     virtual ssize_t recv(int fd, void* data, size_t length, int flags) const;
     virtual int close(int fd) const;
+
+    // Agent: waiting and the alarm safety net.
+    virtual unsigned int sleep(unsigned int seconds) const;
+    virtual unsigned int alarm(unsigned int seconds) const;
+    // As pthread_cond_timedwait with an absolute CLOCK_REALTIME deadline.
+    virtual int condTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                              const struct timespec* deadline) const;
+
+    // Agent: syslog. `text` is the complete message; it is logged as it
+    // stands, never interpreted as a format (an interface name may hold a
+    // "%"), so callers format their arguments first.
+    virtual void openlog(const char* ident, int option, int facility) const;
+    virtual void syslog(int priority, const char* text) const;
+    virtual void closelog() const;
 
 private:
     std::string root_;
