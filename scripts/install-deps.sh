@@ -11,6 +11,7 @@ packages=(
   iproute2                           # network-namespace tests: ip netns, veth, macvlan
   dmidecode                          # independent reader of SMBIOS tables
   python3                            # JSON oracle helpers in the system tests
+  ipmitool                           # independent IPMI decoder against the shared simulated controller
 )
 
 missing=()

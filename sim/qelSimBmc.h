@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -193,6 +194,25 @@ public:
     // ---- the configuration space (qelSimConfSpace.h): variables, agent state
     SimConfSpace& confSpace();
 
+    // ---- description lines and the readable state dump (qelSimDescription.h)
+    // A model registers, usually from its register function, the keywords it
+    // understands in a controller description file ("keyword word...", one
+    // line each) and its section of the state dump. `apply` gets the words
+    // after the keyword and throws std::invalid_argument with a readable text
+    // when they make no sense. The controller's own keywords and sections
+    // come first.
+    using KeywordFunction = std::function<void(const std::vector<std::string>& words)>;
+    using DumpFunction = std::function<void(std::ostream& out)>;
+    void addKeyword(const std::string& keyword, const std::string& usage, KeywordFunction apply);
+    void addDumpSection(const std::string& name, DumpFunction dump);
+    // Applies one line; blank lines and '#' comments do nothing. Throws
+    // std::invalid_argument for an unknown keyword or bad words.
+    void applyDescriptionLine(const std::string& line);
+    // Every keyword with its usage text, in order of the name.
+    std::vector<std::pair<std::string, std::string>> keywords() const;
+    // "[section]" lines, each followed by what its dump function wrote.
+    std::string dump() const;
+
     // Handlers and tickers run with this mutex held; it is recursive, so they
     // may use the public interface.
     std::recursive_mutex& mutex() const { return mutex_; }
@@ -212,6 +232,8 @@ private:
     std::uint64_t nowMs_ = 0;
     std::vector<std::function<void(std::uint64_t)>> tickers_;
     Bytes deviceId_;
+    std::map<std::string, std::pair<std::string, KeywordFunction>> keywords_;
+    std::vector<std::pair<std::string, DumpFunction>> dumpSections_;
     std::shared_ptr<SimFru> fru_;
     std::shared_ptr<SimWatchdog> watchdog_;
     std::shared_ptr<SimConfSpace> confSpace_;

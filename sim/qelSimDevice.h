@@ -4,33 +4,28 @@
 // kernel device would (it copies the request from the caller's ipmi_req and
 // writes the answer into the caller's ipmi_recv, truncating and failing with
 // EMSGSIZE when the caller's buffer is too small), so the library's own
-// select/receive loop is what runs in every test.
+// select/receive loop is what runs in every test. The receive side lives in
+// DeviceQueue and the exchange in exchange(), both shared with the controller
+// running as its own process (sim/server/, qelSimSocket.h).
 #ifndef QEL_SIM_DEVICE_H
 #define QEL_SIM_DEVICE_H
 
-#include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "qelIpmiDevice.h"
 #include "qelSimBmc.h"
+#include "qelSimDeviceQueue.h"
 
 namespace qelSim {
 
-// One message waiting to be received on a device.
-struct PendingMessage {
-    int recvType = 1;
-    int addrType = 0;
-    short channel = 0;
-    unsigned char slaveAddr = 0;
-    unsigned char lun = 0;
-    long msgId = 0;
-    unsigned char netFn = 0;
-    unsigned char cmd = 0;
-    Bytes data;
-    std::size_t reportedLength = 0;  // data.size() unless a fault says otherwise
-};
+// Runs one exchange on the controller for a request the device accepted, as
+// the kernel device's IPMICTL_SEND_COMMAND would: takes the pending fault for
+// the command, records the request, runs its handler and queues the answer
+// (and whatever the fault adds) on `queue`, or leaves `queue` the fault that
+// its next select or receive applies. 0, or -1 with errno for a send that
+// fails. Shared by the in-process device and the controller process.
+[[nodiscard]] int exchange(SimBmc& bmc, const Request& request, DeviceQueue& queue);
 
 class SimDevice : public qelIpmi::QelIpmiDevice {
 public:
@@ -41,14 +36,8 @@ public:
     int select(int nfds, fd_set* readSet, struct timeval* timeout) override;
 
 private:
-    int send(void* argument);
-    int receive(void* argument);
-    void push(PendingMessage message);
-
     SimBmc& bmc_;
-    int eventFd_;  // readable while messages wait
-    std::deque<PendingMessage> pending_;
-    std::optional<Fault> selectFault_;
+    DeviceQueue queue_;  // its eventfd is readable while messages wait
 };
 
 class SimDeviceProvider : public qelIpmi::QelIpmiDeviceProvider {

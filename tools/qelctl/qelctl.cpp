@@ -1,23 +1,30 @@
 // qelctl: the administrator's view of the controller as the agent sees it.
 //
-//   qelctl [--simulate] device-id    Get Device ID, raw and decoded
+//   qelctl [--simulate | --bmc-socket PATH] device-id    Get Device ID, raw and decoded
 //
 // --simulate answers from the built-in simulated controller instead of the
-// kernel's IPMI device, for machines without a BMC.
+// kernel's IPMI device, for machines without a BMC. --bmc-socket (or the
+// environment variable QEL_BMCSIM_SOCKET) talks to a simulated controller
+// process (qel-bmcsim) that other processes share.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimDevice.h"
+#include "qelSimSocket.h"
 
 namespace {
 
 int usage(FILE* out) {
     std::fputs(
-        "usage: qelctl [--simulate] device-id\n"
-        "  --simulate   use the built-in simulated controller, not /dev/ipmi0\n",
+        "usage: qelctl [--simulate | --bmc-socket PATH] device-id\n"
+        "  --simulate          use the built-in simulated controller, not /dev/ipmi0\n"
+        "  --bmc-socket PATH   use the simulated controller process serving PATH\n"
+        "                      (default: $QEL_BMCSIM_SOCKET when set)\n",
         out);
     return out == stdout ? 0 : 2;
 }
@@ -57,17 +64,31 @@ int deviceId() {
 
 int main(int argc, char** argv) {
     bool simulate = false;
+    std::string bmcSocket;
+    if (const char* env = std::getenv("QEL_BMCSIM_SOCKET")) bmcSocket = env;
+    bool socketGiven = false;
     std::string command;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--simulate") == 0) simulate = true;
+        else if (std::strcmp(argv[i], "--bmc-socket") == 0 && i + 1 < argc) {
+            bmcSocket = argv[++i];
+            socketGiven = true;
+        }
         else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) return usage(stdout);
         else if (command.empty()) command = argv[i];
         else return usage(stderr);
     }
     if (command.empty()) return usage(stderr);
 
+    if (simulate && socketGiven) {
+        std::fprintf(stderr, "qelctl: --simulate and --bmc-socket exclude each other\n");
+        return 2;
+    }
+
     std::unique_ptr<qelSim::ScopedSimulator> sim;
+    std::unique_ptr<qelSim::ScopedSocketDevice> shared;
     if (simulate) sim = std::make_unique<qelSim::ScopedSimulator>();
+    else if (!bmcSocket.empty()) shared = std::make_unique<qelSim::ScopedSocketDevice>(bmcSocket);
     try {
         if (command == "device-id") return deviceId();
     } catch (qelIpmi::QelIpmiError& e) {

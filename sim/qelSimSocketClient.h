@@ -1,0 +1,77 @@
+// The client side of the controller process's socket: a connection, and an
+// open IPMI device whose exchanges run in the controller process while its
+// receive queue is local (so select and receive need no round trip, and the
+// descriptor is a real eventfd that any select or poll can watch).
+//
+// Uses nothing of libqelbase: SocketDeviceProvider (qelSimSocket.h) wraps it
+// for the library's device seam, and the preload library (sim/preload/) for
+// unmodified programs.
+#ifndef QEL_SIM_SOCKET_CLIENT_H
+#define QEL_SIM_SOCKET_CLIENT_H
+
+#include <sys/select.h>
+
+#include <cstdint>
+#include <string>
+
+#include "qelSimDeviceQueue.h"
+#include "qelSimSocketWire.h"
+
+namespace qelSim {
+
+class SocketConnection {
+public:
+    SocketConnection() = default;
+    ~SocketConnection();
+    SocketConnection(const SocketConnection&) = delete;
+    SocketConnection& operator=(const SocketConnection&) = delete;
+
+    // 0, or the errno value of socket/connect (ENAMETOOLONG for a path that
+    // does not fit a socket address).
+    [[nodiscard]] int connect(const std::string& socketPath);
+    bool connected() const { return fd_ >= 0; }
+    void close();
+
+    // One request and its reply: 0 with `status` and the reply's fields in
+    // `reply`, or an errno value when the conversation broke (the connection
+    // is closed then).
+    [[nodiscard]] int call(const wire::Writer& request, std::int32_t& status, Bytes& reply);
+    // Blocks until the peer closes the connection (what it sends meanwhile
+    // is dropped), then closes ours.
+    void waitClosed();
+
+private:
+    int fd_ = -1;
+};
+
+class SocketDeviceClient {
+public:
+    SocketDeviceClient() = default;
+    // Closes the device at the controller (a round trip, so the controller
+    // has counted the close when this returns).
+    ~SocketDeviceClient();
+    SocketDeviceClient(const SocketDeviceClient&) = delete;
+    SocketDeviceClient& operator=(const SocketDeviceClient&) = delete;
+
+    // Connects and opens `devicePath` at the controller: 0, or an errno value
+    // (the connect failure, or the controller's answer, e.g. ENOENT).
+    [[nodiscard]] int open(const std::string& socketPath, const std::string& devicePath);
+
+    // As the kernel device: the selectable descriptor, ioctl(2) (0 or -1
+    // with errno) and select(2) over a read set that holds fd().
+    int fd() const { return queue_.fd(); }
+    int ioctl(unsigned long request, void* argument);
+    int select(int nfds, fd_set* readSet, struct timeval* timeout);
+
+private:
+    int send(void* argument);
+
+    SocketConnection connection_;
+    DeviceQueue queue_;
+    bool open_ = false;
+    bool realTimeouts_ = false;
+};
+
+}  // namespace qelSim
+
+#endif

@@ -1,0 +1,761 @@
+// The simulated controller as a process of its own (qel-bmcsim): the library's
+// transport runs unchanged through SocketDeviceProvider against one controller
+// that several processes share, with the device semantics of the in-process
+// simulator, and the controller is driven over the same socket.
+#include <fcntl.h>
+#include <linux/ipmi.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "qelIpmi.h"
+#include "qelIpmiCommands.h"
+#include "qelSimDescription.h"
+#include "qelSimSocket.h"
+
+extern char** environ;
+
+using qelIpmi::QelIpmi;
+using qelIpmi::QelIpmi_request_msg;
+using qelIpmi::QelIpmiError;
+using qelSim::Bytes;
+using qelSim::Fault;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+Bytes responseOf(const QelIpmi_request_msg& msg) {
+    if (msg.responseData == nullptr) return {};
+    return Bytes(msg.responseData, msg.responseData + msg.responseLength);
+}
+
+template <typename F>
+QelIpmiError thrownBy(F body) {
+    try {
+        body();
+    } catch (QelIpmiError& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no QelIpmiError was thrown";
+    return QelIpmiError("none", "none", 0);
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// The exit status, or 128 + the signal that ended the process.
+int waitExit(pid_t pid) {
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Starts `argv` with standard error into `stderrPath`, standard output into
+// `stdoutFd` (or inherited) and `readyFd` as descriptor 3 (or none).
+pid_t spawn(const std::vector<std::string>& argv, const std::string& stderrPath, int stdoutFd = -1,
+            int readyFd = -1) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    if (readyFd >= 0) posix_spawn_file_actions_adddup2(&actions, readyFd, 3);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc == 0 ? pid : -1;
+}
+
+// Reads everything from `fd` until the writers close it.
+std::string drain(int fd) {
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof buffer)) != 0) {
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    return text;
+}
+
+// A directory of its own for one test, removed afterwards. Short, since a
+// socket path must fit in 108 bytes.
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/qelsrvXXXXXX";
+        path_ = ::mkdtemp(name) ? name : "";
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    std::string operator/(const std::string& file) const { return path_ + "/" + file; }
+
+private:
+    std::string path_;
+};
+
+// One qel-bmcsim process on a socket in `dir`, waited for through its ready
+// descriptor (no sleeping); ended with SIGTERM at the latest on destruction.
+class BmcSim {
+public:
+    explicit BmcSim(const TempDir& dir, std::vector<std::string> extra = {},
+                    const std::string& socketName = "bmc.sock")
+        : socket_(dir / socketName), stderr_(dir / (socketName + ".err")) {
+        int ready[2];
+        if (::pipe2(ready, O_CLOEXEC) < 0) return;
+        std::vector<std::string> argv = {QEL_BMCSIM_PATH, "--socket", socket_, "--ready-fd", "3"};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        pid_ = spawn(argv, stderr_, -1, ready[1]);
+        ::close(ready[1]);
+        ready_ = pid_ > 0 && drain(ready[0]) == "ready\n";
+        ::close(ready[0]);
+    }
+    ~BmcSim() {
+        if (pid_ > 0) stop(SIGTERM);
+    }
+    BmcSim(const BmcSim&) = delete;
+    BmcSim& operator=(const BmcSim&) = delete;
+
+    bool ready() const { return ready_; }
+    const std::string& socket() const { return socket_; }
+    pid_t pid() const { return pid_; }
+    std::string errors() const { return readFile(stderr_); }
+    // Sends `signal` (none for 0) and waits: the exit status.
+    int stop(int signal) {
+        if (pid_ <= 0) return -1;
+        if (signal != 0) ::kill(pid_, signal);
+        int status = waitExit(pid_);
+        pid_ = -1;
+        return status;
+    }
+
+private:
+    std::string socket_;
+    std::string stderr_;
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+std::string dumpValue(const std::string& dump, const std::string& key) {
+    std::istringstream in(dump);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(key + " ", 0) == 0) return line.substr(key.size() + 1);
+    return "<no " + key + ">";
+}
+
+class SharedController : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(sim.ready()) << sim.errors();
+        device = std::make_unique<qelSim::ScopedSocketDevice>(sim.socket());
+        ctl = std::make_unique<qelSim::SimControlClient>(sim.socket());
+    }
+
+    TempDir dir;
+    BmcSim sim{dir};
+    std::unique_ptr<qelSim::ScopedSocketDevice> device;
+    std::unique_ptr<qelSim::SimControlClient> ctl;
+    QelIpmi_request_msg getDeviceId{qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId, 0, nullptr};
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- exchanges
+
+TEST_F(SharedController, GetDeviceIdBytesEqualTheControllersOwn) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), qelSim::SimBmc::defaultDeviceId());
+    std::string dump = ctl->dump();
+    EXPECT_EQ(dumpValue(dump, "bytes"), qelSim::hexText(responseOf(getDeviceId)));
+    EXPECT_EQ(dumpValue(dump, "firmware"), "1.07");
+    EXPECT_EQ(dumpValue(dump, "manufacturer"), "32473");
+}
+
+TEST_F(SharedController, SetDeviceIdOverTheSocketChangesTheAnswer) {
+    Bytes other = {0x00, 0x21, 0x01, 0x02, 0x13, 0x51, 0x00, 0xA2, 0x02, 0x00, 0x01, 0x00};
+    ctl->setDeviceId(other);
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), other);
+    EXPECT_EQ(dumpValue(ctl->dump(), "firmware"), "2.13");
+    EXPECT_EQ(dumpValue(ctl->dump(), "manufacturer"), "674");
+}
+
+TEST_F(SharedController, RequestsAreRecordedByteForByte) {
+    const unsigned char data[] = {0xD9, 0x7E, 0x00, 0x01, 0x00, 0x00, 0x02};
+    QelIpmi_request_msg oem(0x2E, 0xE0, sizeof data, data);
+    QelIpmi ipmi(1, 0x24, QelIpmi::IPMB);
+    ASSERT_TRUE(ipmi.sendCmd(oem));
+    std::vector<std::string> lines = ctl->requestLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0], StartsWith("addr 01 ch 00 sa 24 lun 1 msgid "));
+    EXPECT_THAT(lines[0], HasSubstr(" netfn 2e cmd e0 data d9 7e 00 01 00 00 02"));
+    qelSim::Request r = ctl->requests().at(0);
+    EXPECT_EQ(r.addrType, IPMI_IPMB_ADDR_TYPE);
+    EXPECT_EQ(r.slaveAddr, 0x24);
+    EXPECT_EQ(r.lun, 1);
+    EXPECT_EQ(r.netFn, 0x2E);
+    EXPECT_EQ(r.cmd, 0xE0);
+    EXPECT_THAT(r.data, ElementsAre(0xD9, 0x7E, 0x00, 0x01, 0x00, 0x00, 0x02));
+    ctl->clearRequests();
+    EXPECT_TRUE(ctl->requestLines().empty());
+}
+
+TEST_F(SharedController, ResponseAddressIsWrittenBackIntoActiveAddress) {
+    QelIpmi ipmi(0, 0x24, QelIpmi::IPMB);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(ipmi.ipmbAddr.addr_type, IPMI_IPMB_ADDR_TYPE);
+    EXPECT_EQ(ipmi.ipmbAddr.slave_addr, 0x24);
+}
+
+// ---------------------------------------------------------------- devices
+
+TEST_F(SharedController, DeviceIsOpenWhileQelIpmiLives) {
+    {
+        QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+        EXPECT_EQ(dumpValue(ctl->dump(), "open-devices"), "1");
+        EXPECT_GE(ipmi.fd, 0);
+    }
+    EXPECT_EQ(dumpValue(ctl->dump(), "open-devices"), "0");
+    EXPECT_EQ(dumpValue(ctl->dump(), "opens"), "1");
+}
+
+TEST_F(SharedController, MissingPathsFallBackAndAllMissingFailsToOpen) {
+    ctl->describe("missing-path /dev/ipmi0 /dev/ipmi/0");
+    { QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE); }
+    EXPECT_EQ(dumpValue(ctl->dump(), "open-attempts"), "3");
+    EXPECT_EQ(dumpValue(ctl->dump(), "opens"), "1");
+    ctl->describe("all-paths-missing on");
+    QelIpmiError e = thrownBy([] { QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE); });
+    EXPECT_THAT(e.errorText, StartsWith("Error: Open failed: No such file or directory(qelIpmi,"));
+    EXPECT_EQ(dumpValue(ctl->dump(), "open-devices"), "0");
+}
+
+TEST_F(SharedController, EveryOpenDeviceHasItsOwnQueue) {
+    QelIpmi first(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmi second(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    EXPECT_EQ(dumpValue(ctl->dump(), "open-devices"), "2");
+    // Five events before the answer use up the first device's retries and
+    // leave the answer waiting in its queue ...
+    ctl->injectFault(Fault::messagesBefore(IPMI_ASYNC_EVENT_RECV_TYPE, 5));
+    EXPECT_FALSE(first.sendCmd(getDeviceId));
+    // ... but not in the second's.
+    QelIpmi_request_msg other(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId, 0, nullptr);
+    ASSERT_TRUE(second.sendCmd(other));
+    EXPECT_EQ(responseOf(other), qelSim::SimBmc::defaultDeviceId());
+    // The first receives its stale answer, of another message id, next.
+    EXPECT_TRUE(first.sendCmd(getDeviceId));
+    EXPECT_EQ(getDeviceId.responseData, nullptr);
+}
+
+TEST_F(SharedController, PerOpenSettingsAnswerAsTheKernelDevice) {
+    qelSim::SocketDeviceClient client;
+    ASSERT_EQ(client.open(sim.socket(), "/dev/ipmi0"), 0);
+    unsigned int address = 0;
+    ASSERT_EQ(client.ioctl(IPMICTL_GET_MY_ADDRESS_CMD, &address), 0);
+    EXPECT_EQ(address, 0x20u);
+    address = 0x24;
+    ASSERT_EQ(client.ioctl(IPMICTL_SET_MY_ADDRESS_CMD, &address), 0);
+    address = 0;
+    ASSERT_EQ(client.ioctl(IPMICTL_GET_MY_ADDRESS_CMD, &address), 0);
+    EXPECT_EQ(address, 0x24u);
+    int events = 1;
+    EXPECT_EQ(client.ioctl(IPMICTL_SET_GETS_EVENTS_CMD, &events), 0);
+    ipmi_channel_lun_address_set set{16, 0x30};
+    EXPECT_EQ(client.ioctl(IPMICTL_SET_MY_CHANNEL_ADDRESS_CMD, &set), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(client.ioctl(IPMICTL_REGISTER_FOR_CMD, &set), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(client.ioctl(IPMICTL_RECEIVE_MSG, nullptr), -1);
+    EXPECT_EQ(errno, EFAULT);
+}
+
+TEST(SocketDevice, NothingListeningGivesOpenFailedWithTheSystemText) {
+    TempDir dir;
+    {
+        qelSim::ScopedSocketDevice device(dir / "none.sock");
+        QelIpmiError e = thrownBy([] { QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE); });
+        EXPECT_THAT(e.errorText, StartsWith("Error: Open failed: No such file or directory("));
+    }
+    // A socket file nobody accepts on, as a killed controller leaves it.
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string path = dir / "dead.sock";
+    std::strcpy(addr.sun_path, path.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    qelSim::ScopedSocketDevice device(path);
+    QelIpmiError e = thrownBy([] { QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE); });
+    EXPECT_THAT(e.errorText, StartsWith("Error: Open failed: Connection refused("));
+    ::close(fd);
+}
+
+// ---------------------------------------------------------------- faults
+
+TEST_F(SharedController, CompletionCodeFaultForOneCommandSparesOthers) {
+    ctl->injectFault(Fault::completionCode(0xD5).forCommand(0x06, 0x25));
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), qelSim::SimBmc::defaultDeviceId());
+    QelIpmi_request_msg getWatchdog(0x06, 0x25, 0, nullptr);
+    ASSERT_TRUE(ipmi.sendCmd(getWatchdog));
+    EXPECT_THAT(responseOf(getWatchdog), ElementsAre(0xD5));
+}
+
+TEST_F(SharedController, NoReplyEndsAfterFiveSelectPasses) {
+    ctl->injectFault(Fault::noReply());
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    EXPECT_FALSE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(getDeviceId.responseData, nullptr);
+    EXPECT_EQ(dumpValue(ctl->dump(), "select-calls"), "5");
+}
+
+TEST_F(SharedController, SendFailureThrowsAndTheObjectSurvives) {
+    ctl->injectFault(Fault::sendFails(EIO));
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText,
+                StartsWith("Error: ioctl IPMICTL_SEND_COMMAND failed: Input/output error(qelIpmi,"));
+    EXPECT_TRUE(ipmi.sendCmd(getDeviceId));
+    // The failed send was not recorded.
+    EXPECT_EQ(ctl->requestLines().size(), 1u);
+}
+
+TEST_F(SharedController, SelectFailureTravelsToTheClient) {
+    ctl->injectFault(Fault::selectFails(EINTR));
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText, StartsWith("Error: select failed: Interrupted system call(qelIpmi,"));
+}
+
+TEST_F(SharedController, SelectWithoutOurDescriptorThrows) {
+    ctl->injectFault(Fault::selectNotReady());
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText, StartsWith("Error: select after ioctl IPMICTL_SEND_COMMAND failed for "
+                                        "unknown reasons(qelIpmi,"));
+}
+
+TEST_F(SharedController, ReceiveFailureTravelsToTheClient) {
+    ctl->injectFault(Fault::receiveFails(EBADF));
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText,
+                StartsWith("Error: ioctl IPMICTL_RECEIVE_MSG failed: Bad file descriptor(qelIpmi,"));
+}
+
+TEST_F(SharedController, EventsBeforeTheAnswerAreSkipped) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ctl->injectFault(Fault::messagesBefore(IPMI_CMD_RECV_TYPE, 4));
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), qelSim::SimBmc::defaultDeviceId());
+}
+
+TEST_F(SharedController, ForeignMessageIdAndEmptyReplyLeaveNoResponseData) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ctl->injectFault(Fault::foreignMsgId());
+    EXPECT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(getDeviceId.responseData, nullptr);
+    ctl->injectFault(Fault::emptyReply());
+    EXPECT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(getDeviceId.responseLength, 0u);
+}
+
+TEST_F(SharedController, ReceiveTypeFourThrowsWithNumberOverwritingMessage) {
+    ctl->injectFault(Fault::wrongRecvType(4));
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText, StartsWith("4eply message has wrong type: "));
+}
+
+TEST_F(SharedController, OversizeReplyIsMessageTooLongAndFullBufferIsKept) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ctl->injectFault(Fault::oversizeReply(300));
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText, HasSubstr("ioctl IPMICTL_RECEIVE_MSG failed: Message too long"));
+    Bytes full(272, 0x33);
+    full[0] = 0;
+    ctl->injectFault(Fault::rawReply(full));
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), full);
+}
+
+TEST_F(SharedController, FaultTextOverTheSocketIsTheSameFault) {
+    ctl->describe("fault completion-code c0 for 06 01");
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_THAT(responseOf(getDeviceId), ElementsAre(0xC0));
+    ctl->describe("fault no-reply");
+    ctl->describe("clear-faults");
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_EQ(responseOf(getDeviceId), qelSim::SimBmc::defaultDeviceId());
+}
+
+TEST_F(SharedController, WithoutRealTimeoutsSelectReturnsAtOnce) {
+    qelSim::SocketDeviceClient client;
+    ASSERT_EQ(client.open(sim.socket(), "/dev/ipmi0"), 0);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(client.fd(), &set);
+    struct timeval timeout = {60, 0};
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.select(client.fd() + 1, &set, &timeout), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_EQ(timeout.tv_sec, 0);
+    EXPECT_FALSE(FD_ISSET(client.fd(), &set));
+}
+
+TEST_F(SharedController, WithRealTimeoutsSelectWaitsOutTheTimeOut) {
+    ctl->describe("real-timeouts on");
+    qelSim::SocketDeviceClient client;
+    ASSERT_EQ(client.open(sim.socket(), "/dev/ipmi0"), 0);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(client.fd(), &set);
+    struct timeval timeout = {0, 200000};
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.select(client.fd() + 1, &set, &timeout), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(190));
+    EXPECT_EQ(timeout.tv_sec, 0);
+    EXPECT_EQ(timeout.tv_usec, 0);
+}
+
+// ---------------------------------------------------------------- several processes
+
+TEST_F(SharedController, ARequestByAnotherProcessIsInTheTrafficReadHere) {
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int status = 1;
+        try {
+            const unsigned char data[] = {0xAB, 0xCD};
+            QelIpmi_request_msg msg(0x30, 0x99, sizeof data, data);
+            QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+            status = ipmi.sendCmd(msg) && msg.responseLength > 0 ? 0 : 2;
+        } catch (...) {
+            status = 3;
+        }
+        ::_exit(status);
+    }
+    ASSERT_EQ(waitExit(child), 0);
+    std::vector<std::string> lines = ctl->requestLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0], HasSubstr("netfn 30 cmd 99 data ab cd"));
+}
+
+TEST_F(SharedController, AnotherProcessReadsTheTrafficMadeHere) {
+    const unsigned char data[] = {0x01, 0x02, 0x03};
+    QelIpmi_request_msg msg(0x2E, 0xF5, sizeof data, data);
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(msg));
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int status = 1;
+        try {
+            qelSim::SimControlClient other(sim.socket());
+            std::vector<qelSim::Request> seen = other.requests();
+            status = seen.size() == 1 && seen[0].netFn == 0x2E && seen[0].cmd == 0xF5 &&
+                             seen[0].data == Bytes{0x01, 0x02, 0x03}
+                         ? 0
+                         : 2;
+        } catch (...) {
+            status = 3;
+        }
+        ::_exit(status);
+    }
+    EXPECT_EQ(waitExit(child), 0);
+}
+
+TEST_F(SharedController, QelctlInAnotherProcessGetsTheSameBytes) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    int out[2];
+    ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    pid_t pid = spawn({QELCTL_PATH, "--bmc-socket", sim.socket(), "device-id"}, dir / "qelctl.err", out[1]);
+    ::close(out[1]);
+    std::string text = drain(out[0]);
+    ::close(out[0]);
+    ASSERT_EQ(waitExit(pid), 0) << readFile(dir / "qelctl.err");
+    EXPECT_THAT(text, StartsWith("raw: " + qelSim::hexText(responseOf(getDeviceId)) + "\n"));
+    EXPECT_EQ(ctl->requestLines().size(), 2u);
+}
+
+// ---------------------------------------------------------------- clock
+
+TEST_F(SharedController, ClockMovesOverTheSocketForEveryone) {
+    EXPECT_EQ(ctl->nowMs(), 0u);
+    EXPECT_EQ(ctl->advanceMs(300000), 300000u);
+    qelSim::SimControlClient other(sim.socket());
+    EXPECT_EQ(other.nowMs(), 300000u);
+    other.describe("advance 250");
+    EXPECT_EQ(dumpValue(ctl->dump(), "clock-ms"), "300250");
+}
+
+// ---------------------------------------------------------------- description and control
+
+TEST(ControllerDescription, FileSetsTheDeviceIdAndSkipsComments) {
+    TempDir dir;
+    std::ofstream(dir / "bmc.conf") << "# a test rack controller\n"
+                                       "\n"
+                                       "deviceid 00 20 81 03 45 02 bf a2 02 00 34 12\n"
+                                       "   # indented comment\n"
+                                       "advance 1000\n";
+    BmcSim sim(dir, {"--config", dir / "bmc.conf"});
+    ASSERT_TRUE(sim.ready()) << sim.errors();
+    qelSim::ScopedSocketDevice device(sim.socket());
+    QelIpmi_request_msg msg(0x06, 0x01, 0, nullptr);
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(msg));
+    EXPECT_THAT(responseOf(msg), ElementsAre(0x00, 0x20, 0x81, 0x03, 0x45, 0x02, 0xBF, 0xA2, 0x02,
+                                             0x00, 0x34, 0x12));
+    EXPECT_EQ(qelSim::SimControlClient(sim.socket()).nowMs(), 1000u);
+}
+
+TEST(ControllerDescription, UnknownKeywordStopsTheStartWithFileAndLine) {
+    TempDir dir;
+    std::ofstream(dir / "bad.conf") << "# fine\ndeviceid 00 20\nbogus 1 2\n";
+    BmcSim sim(dir, {"--config", dir / "bad.conf"});
+    EXPECT_FALSE(sim.ready());
+    EXPECT_EQ(sim.stop(0), 2);
+    EXPECT_THAT(sim.errors(), HasSubstr(dir / "bad.conf" + ":3: unknown keyword 'bogus'"));
+    EXPECT_FALSE(exists(sim.socket()));
+}
+
+TEST(ControllerDescription, BadWordsNameTheWord) {
+    qelSim::SimBmc bmc;
+    try {
+        bmc.applyDescriptionLine("deviceid 00 zz");
+        ADD_FAILURE() << "accepted";
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "'zz' is no hex byte");
+    }
+    EXPECT_THROW(bmc.applyDescriptionLine("real-timeouts maybe"), std::invalid_argument);
+    EXPECT_THROW(bmc.applyDescriptionLine("advance -5"), std::invalid_argument);
+    EXPECT_THROW(bmc.applyDescriptionLine("deviceid"), std::invalid_argument);
+    EXPECT_EQ(bmc.deviceId(), qelSim::SimBmc::defaultDeviceId());
+}
+
+TEST(ControllerDescription, ModelsRegisterKeywordsAndDumpSections) {
+    qelSim::SimBmc bmc;
+    int fans = 0;
+    bmc.addKeyword("fans", "fans N: fans fitted", [&](const std::vector<std::string>& w) {
+        fans = static_cast<int>(qelSim::parseNumber(w.at(0), 16));
+    });
+    bmc.addDumpSection("fans", [&](std::ostream& out) { out << "count " << fans << '\n'; });
+    bmc.applyDescriptionLine("fans 6");
+    EXPECT_EQ(fans, 6);
+    EXPECT_THAT(bmc.dump(), HasSubstr("[fans]\ncount 6\n"));
+    EXPECT_THAT(bmc.dump(), StartsWith("[controller]\nclock-ms 0\n"));
+    bool listed = false;
+    for (const auto& k : bmc.keywords()) listed = listed || (k.first == "fans" && k.second == "fans N: fans fitted");
+    EXPECT_TRUE(listed);
+}
+
+TEST(ControllerDescription, FaultTextCoversEveryKind) {
+    using qelSim::parseFault;
+    using qelSim::splitWords;
+    EXPECT_EQ(parseFault(splitWords("send-fails EIO")).errnoValue, EIO);
+    EXPECT_EQ(parseFault(splitWords("select-fails 4")).errnoValue, 4);
+    EXPECT_EQ(parseFault(splitWords("receive-fails EBADF")).kind, Fault::ReceiveFails);
+    EXPECT_EQ(parseFault(splitWords("select-not-ready")).kind, Fault::SelectNotReady);
+    EXPECT_EQ(parseFault(splitWords("foreign-msgid")).kind, Fault::ForeignMsgId);
+    EXPECT_EQ(parseFault(splitWords("empty-reply")).kind, Fault::EmptyReply);
+    EXPECT_THAT(parseFault(splitWords("raw-reply 00 0x11 2")).bytes, ElementsAre(0x00, 0x11, 0x02));
+    Fault before = parseFault(splitWords("messages-before 2 5 for 06 25"));
+    EXPECT_EQ(before.recvType, 2);
+    EXPECT_EQ(before.count, 5);
+    ASSERT_TRUE(before.only.has_value());
+    EXPECT_EQ(before.only->first, 0x06);
+    EXPECT_EQ(before.only->second, 0x25);
+    EXPECT_EQ(parseFault(splitWords("wrong-recv-type 4")).recvType, 4);
+    EXPECT_EQ(parseFault(splitWords("oversize-reply 300")).count, 300);
+    EXPECT_EQ(parseFault(splitWords("completion-code C9")).code, 0xC9);
+    EXPECT_THROW(parseFault(splitWords("no-reply extra")), std::invalid_argument);
+    EXPECT_THROW(parseFault(splitWords("send-fails ENOPE")), std::invalid_argument);
+    EXPECT_THROW(parseFault(splitWords("oversize-reply 70000")), std::invalid_argument);
+    EXPECT_THROW(parseFault(splitWords("sometimes")), std::invalid_argument);
+}
+
+TEST(ControllerDescription, RequestLinesReadBackAsTheRequest) {
+    qelSim::Request r;
+    r.addrType = 0x41;
+    r.channel = 0;
+    r.slaveAddr = 0x30;
+    r.lun = 2;
+    r.msgId = 1804289383;
+    r.netFn = 0x2E;
+    r.cmd = 0xE0;
+    r.data = {0xD9, 0x7E, 0x00};
+    std::string line = qelSim::formatRequest(r);
+    EXPECT_EQ(line, "addr 41 ch 00 sa 30 lun 2 msgid 1804289383 netfn 2e cmd e0 data d9 7e 00");
+    qelSim::Request back = qelSim::parseRequest(line);
+    EXPECT_EQ(qelSim::formatRequest(back), line);
+    r.data.clear();
+    EXPECT_THAT(qelSim::formatRequest(r), testing::EndsWith("cmd e0 data"));
+    EXPECT_THROW(qelSim::parseRequest("addr 41 ch"), std::invalid_argument);
+}
+
+TEST_F(SharedController, BadDescriptionLineOverTheSocketIsRefusedWithItsText) {
+    try {
+        ctl->describe("bogus 1");
+        ADD_FAILURE() << "accepted";
+    } catch (const qelSim::SimSocketError& e) {
+        EXPECT_STREQ(e.what(), "unknown keyword 'bogus'");
+        EXPECT_EQ(e.errorNumber(), EINVAL);
+    }
+    EXPECT_THAT(ctl->keywords(), HasSubstr("deviceid\tdeviceid BYTE...:"));
+    // The controller serves on.
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    EXPECT_TRUE(ipmi.sendCmd(getDeviceId));
+}
+
+// ---------------------------------------------------------------- protocol
+
+TEST_F(SharedController, SendBeforeOpenAndUnknownOperationsAreRefused) {
+    qelSim::SocketConnection raw;
+    ASSERT_EQ(raw.connect(sim.socket()), 0);
+    std::int32_t status = 0;
+    Bytes reply;
+    qelSim::wire::Writer send;
+    send.u8(static_cast<unsigned>(qelSim::wire::Op::Send));
+    qelSim::wire::putRequest(send, qelSim::Request{});
+    ASSERT_EQ(raw.call(send, status, reply), 0);
+    EXPECT_EQ(status, EBADF);
+    qelSim::wire::Writer unknown;
+    unknown.u8(0x77);
+    ASSERT_EQ(raw.call(unknown, status, reply), 0);
+    EXPECT_EQ(status, ENOSYS);
+    qelSim::wire::Writer truncated;
+    truncated.u8(static_cast<unsigned>(qelSim::wire::Op::Advance)).u16(1);
+    ASSERT_EQ(raw.call(truncated, status, reply), 0);
+    EXPECT_EQ(status, EPROTO);
+    EXPECT_THAT(std::string(reply.begin(), reply.end()), HasSubstr("malformed request"));
+}
+
+TEST_F(SharedController, OversizedFrameDropsOnlyThatConnection) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, sim.socket().c_str());
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const unsigned char huge[] = {0xFF, 0xFF, 0xFF, 0xFF, 0x01};
+    ASSERT_EQ(::send(fd, huge, sizeof huge, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof huge));
+    char c;
+    EXPECT_EQ(::recv(fd, &c, 1, 0), 0);  // closed by the controller
+    ::close(fd);
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    EXPECT_TRUE(ipmi.sendCmd(getDeviceId));
+    EXPECT_THAT(sim.errors(), HasSubstr("dropping a connection"));
+}
+
+TEST_F(SharedController, ADeviceWhoseControllerIsGoneFailsItsNextSend) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    EXPECT_EQ(sim.stop(SIGTERM), 0);
+    QelIpmiError e = thrownBy([&] { (void)ipmi.sendCmd(getDeviceId); });
+    EXPECT_THAT(e.errorText, StartsWith("Error: ioctl IPMICTL_SEND_COMMAND failed: "));
+}
+
+// ---------------------------------------------------------------- lifecycle
+
+TEST(ControllerProcess, TermSignalRemovesSocketAndPidFile) {
+    TempDir dir;
+    BmcSim sim(dir, {"--pidfile", dir / "bmc.pid"});
+    ASSERT_TRUE(sim.ready()) << sim.errors();
+    EXPECT_EQ(readFile(dir / "bmc.pid"), std::to_string(sim.pid()) + "\n");
+    EXPECT_TRUE(exists(sim.socket()));
+    EXPECT_EQ(sim.stop(SIGTERM), 0);
+    EXPECT_FALSE(exists(sim.socket()));
+    EXPECT_FALSE(exists(dir / "bmc.pid"));
+}
+
+TEST(ControllerProcess, ShutdownReturnsOnceTheControllerIsGone) {
+    TempDir dir;
+    BmcSim sim(dir, {"--pidfile", dir / "bmc.pid"});
+    ASSERT_TRUE(sim.ready()) << sim.errors();
+    qelSim::SimControlClient(sim.socket()).shutdown();
+    EXPECT_FALSE(exists(sim.socket()));
+    EXPECT_FALSE(exists(dir / "bmc.pid"));
+    EXPECT_EQ(sim.stop(0), 0);
+}
+
+TEST(ControllerProcess, LiveSocketIsRefusedStaleOneIsReplaced) {
+    TempDir dir;
+    BmcSim first(dir);
+    ASSERT_TRUE(first.ready()) << first.errors();
+    BmcSim second(dir, {}, "bmc.sock");
+    EXPECT_FALSE(second.ready());
+    EXPECT_EQ(second.stop(0), 1);
+    EXPECT_THAT(second.errors(), HasSubstr("another controller serves"));
+    EXPECT_EQ(first.stop(SIGKILL), 128 + SIGKILL);
+    ASSERT_TRUE(exists(first.socket()));  // left behind
+    BmcSim third(dir, {}, "bmc.sock");
+    ASSERT_TRUE(third.ready()) << third.errors();
+    EXPECT_EQ(qelSim::SimControlClient(third.socket()).nowMs(), 0u);
+}
+
+TEST(ControllerProcess, DaemonReturnsWhenServing) {
+    TempDir dir;
+    pid_t parent = spawn({QEL_BMCSIM_PATH, "--daemon", "--socket", dir / "d.sock", "--pidfile",
+                          dir / "d.pid"},
+                         dir / "d.err");
+    ASSERT_EQ(waitExit(parent), 0) << readFile(dir / "d.err");
+    pid_t daemon = static_cast<pid_t>(std::stol(readFile(dir / "d.pid")));
+    EXPECT_NE(daemon, parent);
+    EXPECT_EQ(::kill(daemon, 0), 0);
+    qelSim::SimControlClient(dir / "d.sock").shutdown();
+    EXPECT_FALSE(exists(dir / "d.sock"));
+    EXPECT_FALSE(exists(dir / "d.pid"));
+}
+
+TEST(ControllerProcess, WithoutReadyFdReadyIsPrinted) {
+    TempDir dir;
+    int out[2];
+    ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    pid_t pid = spawn({QEL_BMCSIM_PATH, "--socket", dir / "p.sock"}, dir / "p.err", out[1]);
+    ::close(out[1]);
+    char line[6] = {};
+    ASSERT_EQ(::read(out[0], line, sizeof line), 6) << readFile(dir / "p.err");
+    EXPECT_EQ(std::string(line, 6), "ready\n");
+    ::kill(pid, SIGINT);
+    EXPECT_EQ(waitExit(pid), 0);
+    ::close(out[0]);
+    EXPECT_FALSE(exists(dir / "p.sock"));
+}
