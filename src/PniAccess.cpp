@@ -4,6 +4,8 @@
 
 #include <syslog.h>
 
+#include "qelPlatform.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -73,7 +75,8 @@ int padding(int commonLength, int dataLength) { return 4 - ((commonLength + data
 unsigned char lowByte(unsigned int value) { return static_cast<unsigned char>(value & 0xFF); }
 unsigned char highByte(unsigned int value) { return static_cast<unsigned char>((value >> 8) & 0xFF); }
 
-void logError(const std::string& text) { syslog(LOG_ERR, "%s", text.c_str()); }
+// Through the platform, so tests can read what was logged.
+void logError(const std::string& text) { qelPlatform::platform().syslog(LOG_ERR, text.c_str()); }
 
 }  // namespace
 
