@@ -22,9 +22,12 @@ Bytes SimBmc::defaultDeviceId() {
 }
 
 void registerAppCommands(SimBmc& bmc) {
-    // Get Device ID: the configured bytes, whatever the request carried.
-    bmc.setHandler(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId,
-                   [&bmc](const Request&) { return bmc.deviceId(); });
+    // Get Device ID: the configured bytes (setDeviceId may give any length,
+    // so a test can serve a short answer). The request carries no data.
+    bmc.setHandler(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId, [&bmc](const Request& r) {
+        if (!r.data.empty()) return Response{qelIpmi::cc::requestDataLengthInvalid};
+        return bmc.deviceId();
+    });
 }
 
 }  // namespace qelSim

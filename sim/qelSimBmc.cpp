@@ -11,6 +11,8 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerFruCommands(*this);
     registerWatchdogCommands(*this);
     registerConfSpaceCommands(*this);
+    registerLanCommands(*this);
+    registerIdentityCommands(*this);
 }
 
 void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler) {

@@ -36,6 +36,8 @@ class SimFru;  // qelSimFru.h
 
 class SimWatchdog;  // qelSimWatchdog.h
 class SimConfSpace;  // qelSimConfSpace.h
+class SimLan;  // qelSimLan.h
+class SimIdentity;  // qelSimIdentity.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -194,6 +196,12 @@ public:
     // ---- the configuration space (qelSimConfSpace.h): variables, agent state
     SimConfSpace& confSpace();
 
+    // ---- the LAN channels and their configuration parameters (qelSimLan.h)
+    SimLan& lan();
+
+    // ---- EEPROM version records and the OEM feature probe (qelSimIdentity.h)
+    SimIdentity& identity();
+
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
     // understands in a controller description file ("keyword word...", one
@@ -237,6 +245,8 @@ private:
     std::shared_ptr<SimFru> fru_;
     std::shared_ptr<SimWatchdog> watchdog_;
     std::shared_ptr<SimConfSpace> confSpace_;
+    std::shared_ptr<SimLan> lan_;
+    std::shared_ptr<SimIdentity> identity_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -244,6 +254,8 @@ void registerAppCommands(SimBmc& bmc);
 void registerFruCommands(SimBmc& bmc);
 void registerWatchdogCommands(SimBmc& bmc);
 void registerConfSpaceCommands(SimBmc& bmc);
+void registerLanCommands(SimBmc& bmc);
+void registerIdentityCommands(SimBmc& bmc);
 
 }  // namespace qelSim
 

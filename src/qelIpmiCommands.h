@@ -116,6 +116,80 @@ constexpr unsigned int responseCapacity = 2;  // 2 bytes, least significant firs
 constexpr unsigned int responseSize = 4;
 }  // namespace pniLocate
 
+// Controller identity (Get Device ID, the EEPROM version records, the OEM
+// feature probe) and the LAN configuration reader.
+namespace cmd {
+// netfn::oemGroup: version information; data byte 3 selects what is read.
+constexpr unsigned char oemVersionInfo = 0xF5;
+// netfn::oemBoard: the board's slot query. A controller that answers it with
+// success offers the OEM features, so it doubles as the feature probe.
+constexpr unsigned char getBoardSlot = 0x18;
+}  // namespace cmd
+
+// Get Device ID response: completion code and 15 data bytes.
+namespace deviceId {
+constexpr unsigned int responseSize = 16;
+constexpr unsigned int firmwareRevision1 = 3;  // bit 7 device available, bits 6-0 major
+constexpr unsigned int firmwareRevision2 = 4;  // minor, BCD
+constexpr unsigned int ipmiVersion = 5;        // BCD, e.g. 0x51 or 0x02
+constexpr unsigned int manufacturerId = 7;     // 3 bytes, least significant first
+constexpr unsigned int productId = 10;         // 2 bytes
+constexpr unsigned int auxFirmwareRevision = 12;  // 4 bytes
+constexpr unsigned int oemMarker = 15;         // last auxiliary byte
+constexpr unsigned char oemMarkerPresent = 'G';
+constexpr unsigned char oemMarkerAbsent = 'A';
+}  // namespace deviceId
+
+// EEPROM version records (cmd::oemVersionInfo): request IANA, 0x12, index;
+// the response is a record of 20 bytes, completion code included.
+namespace eepromVersion {
+constexpr unsigned char selector = 0x12;
+constexpr unsigned int requestSelector = 3;
+constexpr unsigned int requestIndex = 4;
+constexpr unsigned int requestSize = 5;
+constexpr unsigned int recordSize = 20;
+constexpr unsigned int records = 2;
+}  // namespace eepromVersion
+
+// Get Channel Info (cmd::getChannelInfo): request the channel number.
+namespace channelInfo {
+constexpr unsigned int responseChannel = 1;
+constexpr unsigned int responseMedium = 2;    // bits 6-0
+constexpr unsigned int responseProtocol = 3;  // bits 4-0
+constexpr unsigned int responseSize = 10;
+constexpr unsigned char mediumLan8023 = 0x04;
+constexpr unsigned char protocolIpmb = 0x01;
+constexpr unsigned char firstChannel = 1;
+constexpr unsigned char lastChannel = 7;
+}  // namespace channelInfo
+
+// Get LAN Configuration Parameters (cmd::getLanConfigParameters): request
+// channel, parameter, set selector, block selector; response completion code,
+// parameter revision, parameter data.
+namespace lanConfig {
+constexpr unsigned int requestSize = 4;
+constexpr unsigned char revisionOnly = 0x80;  // request byte 0, bit 7
+constexpr unsigned int responseRevision = 1;
+constexpr unsigned int responseData = 2;
+constexpr unsigned char revision = 0x11;  // what controllers answer in byte 1
+
+constexpr unsigned char ipAddress = 3;
+constexpr unsigned char ipAddressSource = 4;
+constexpr unsigned char macAddress = 5;
+constexpr unsigned char subnetMask = 6;
+constexpr unsigned char defaultGateway = 12;
+// Vendor parameters.
+constexpr unsigned char ipv6Status = 0xC0;         // data bit 2: IPv6 disabled
+constexpr unsigned char ipv6Address = 0xC8;        // per set selector: 16 bytes
+constexpr unsigned char ipv6AddressSource = 0xC9;  // per set selector: bits 2-0
+constexpr unsigned char ipv6AddressState = 0xCA;   // per set selector: bits 2-0
+constexpr unsigned char ipv6PrefixLength = 0xCB;   // per set selector
+constexpr unsigned char ipv6PrimaryState = 0xCD;
+constexpr unsigned char ipv6PrimaryAddress = 0xCE;
+constexpr unsigned char ipv6AddressCount = 0xCF;
+constexpr unsigned char ipv6DisabledBit = 0x04;
+}  // namespace lanConfig
+
 }  // namespace qelIpmi
 
 #endif
