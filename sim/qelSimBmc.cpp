@@ -13,6 +13,8 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerConfSpaceCommands(*this);
     registerLanCommands(*this);
     registerIdentityCommands(*this);
+    // After the identity: the board answers the slot query once it has a slot.
+    registerBoardCommands(*this);
 }
 
 void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler) {

@@ -38,6 +38,7 @@ class SimWatchdog;  // qelSimWatchdog.h
 class SimConfSpace;  // qelSimConfSpace.h
 class SimLan;  // qelSimLan.h
 class SimIdentity;  // qelSimIdentity.h
+class SimBoard;  // qelSimBoard.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -202,6 +203,9 @@ public:
     // ---- EEPROM version records and the OEM feature probe (qelSimIdentity.h)
     SimIdentity& identity();
 
+    // ---- the management board and the OS status events (qelSimBoard.h)
+    SimBoard& board();
+
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
     // understands in a controller description file ("keyword word...", one
@@ -247,6 +251,7 @@ private:
     std::shared_ptr<SimConfSpace> confSpace_;
     std::shared_ptr<SimLan> lan_;
     std::shared_ptr<SimIdentity> identity_;
+    std::shared_ptr<SimBoard> board_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -256,6 +261,7 @@ void registerWatchdogCommands(SimBmc& bmc);
 void registerConfSpaceCommands(SimBmc& bmc);
 void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
+void registerBoardCommands(SimBmc& bmc);
 
 }  // namespace qelSim
 

@@ -190,6 +190,112 @@ constexpr unsigned char ipv6AddressCount = 0xCF;
 constexpr unsigned char ipv6DisabledBit = 0x04;
 }  // namespace lanConfig
 
+// Management-board commands (netfn::oemBoard; the slot query cmd::getBoardSlot
+// is above) and the OS status event that goes to the board over IPMB.
+namespace cmd {
+constexpr unsigned char getPortMacsLegacy = 0x55;     // every port's MAC at once
+constexpr unsigned char getPortMac = 0x75;            // one port's MAC
+constexpr unsigned char getBoardIpv4Legacy = 0x80;    // old boards: the board's IPv4 address
+constexpr unsigned char getBoardMaskLegacy = 0x81;    // old boards: its subnet mask
+constexpr unsigned char setPortIpv4 = 0xA3;           // a port's IPv4 address
+constexpr unsigned char setOsText = 0xA8;             // OS text in chunks of 32 bytes
+constexpr unsigned char setOsTextLegacy = 0xB0;       // OS text in one request
+constexpr unsigned char setPlatformText = 0xB1;       // platform text in one request
+constexpr unsigned char getBoardAddress = 0xE1;       // family, index -> address
+constexpr unsigned char getBoardMask = 0xE3;          // family, index -> mask
+constexpr unsigned char setPortAddress = 0xE7;        // a port's IPv4 or IPv6 address
+constexpr unsigned char getBoardCapabilities = 0xE8;  // bit 0: the extended interface
+constexpr unsigned char getBoardMac = 0xF0;           // selector -> the board's MAC
+}  // namespace cmd
+
+namespace mmb {
+// Slot query: response completion code, slot number (1-based).
+constexpr unsigned int slotResponseSize = 2;
+
+// Port MAC (cmd::getPortMac): request the port number (1-based, bits 6-0).
+// Response completion code, number of ports, flags, MAC (6 bytes). A port
+// number the board has no record for answers cc::parameterOutOfRange.
+constexpr unsigned char portNumberMask = 0x7F;
+constexpr unsigned int portResponseCount = 1;
+constexpr unsigned int portResponseFlags = 2;
+constexpr unsigned int portResponseMac = 3;
+constexpr unsigned int portHeaderSize = 3;   // enough for a port without a MAC
+constexpr unsigned int portResponseSize = 9;
+constexpr unsigned char portPresent = 0x80;  // flags: the MAC is valid
+constexpr unsigned int portLimit = 32;       // ports are asked below this number
+
+// Legacy port MACs (cmd::getPortMacsLegacy): response completion code, a byte
+// the library does not read (the board puts the record count there), then one
+// 6-byte record per port in port order, each MAC's bytes reversed.
+constexpr unsigned int legacyResponseCount = 1;
+constexpr unsigned int legacyRecords = 2;
+constexpr unsigned int legacyRecordSize = 6;
+
+// Capabilities (cmd::getBoardCapabilities): completion code, flags.
+constexpr unsigned int capabilitiesResponseSize = 2;
+constexpr unsigned char capabilityExtended = 0x01;
+
+// Board address and mask (cmd::getBoardAddress, cmd::getBoardMask): request
+// family, index. Response completion code, family, index, the address (4 or
+// 16 bytes, network order). IPv4 indexes 0 and 1, IPv6 indexes 2 and 3.
+constexpr unsigned char familyIpv4 = 0x01;
+constexpr unsigned char familyIpv6 = 0x02;
+constexpr unsigned int addressRequestSize = 2;
+constexpr unsigned int addressResponseFamily = 1;
+constexpr unsigned int addressResponseIndex = 2;
+constexpr unsigned int addressResponseValue = 3;
+constexpr unsigned int ipv4ResponseSize = 7;
+constexpr unsigned int ipv6ResponseSize = 19;
+// Old boards (cmd::getBoardIpv4Legacy, cmd::getBoardMaskLegacy): completion
+// code and four octets.
+constexpr unsigned int legacyAddressResponseSize = 5;
+
+// Board MAC (cmd::getBoardMac): request a selector (0, else 1); response
+// completion code, MAC.
+constexpr unsigned int macRequestSize = 1;
+constexpr unsigned int macResponseSize = 7;
+
+// Port addresses. cmd::setPortIpv4: slot - 1, port - 1, four octets.
+// cmd::setPortAddress: slot - 1, port - 1 (bits 6-0), kind, family, address.
+constexpr unsigned int reportSlot = 0;
+constexpr unsigned int reportPort = 1;
+constexpr unsigned int ipv4ReportAddress = 2;
+constexpr unsigned int ipv4ReportSize = 6;
+constexpr unsigned int reportKind = 2;
+constexpr unsigned int reportFamily = 3;
+constexpr unsigned int reportAddress = 4;
+constexpr unsigned int ipv4AddressReportSize = 8;
+constexpr unsigned int ipv6AddressReportSize = 20;
+constexpr unsigned char kindIpv4 = 0x00;
+constexpr unsigned char kindLinkLocal = 0x02;  // fe80::/10
+constexpr unsigned char kindGlobal = 0x03;     // any other IPv6 address
+
+// OS and platform texts (cmd::setOsText, cmd::setOsTextLegacy,
+// cmd::setPlatformText): byte 0 holds the chunk number in bits 7-6 and
+// slot - 1 in bits 5-0, then the text, NUL-terminated when it ends there.
+constexpr unsigned int textChunkSize = 32;
+constexpr unsigned int textRequestMax = 33;
+constexpr unsigned int chunkShift = 6;
+constexpr unsigned char chunkMask = 0xC0;
+constexpr unsigned char textSlotMask = 0x3F;
+constexpr unsigned int osTextChunks = 4;
+
+// OS status: a Platform Event Message (netfn::sensorEvent, cmd::platformEvent)
+// over IPMB to the board: event message revision, sensor type, sensor number,
+// event direction and type, event data 1 (status | osStatusMarker), event
+// data 2, event data 3.
+constexpr unsigned char boardIpmbAddress = 0x24;
+constexpr unsigned char eventRevision = 0x04;
+constexpr unsigned char osSensorType = 0xC0;  // OEM
+constexpr unsigned char osSensorNumber = 0x09;
+constexpr unsigned char osEventType = 0x6F;   // sensor-specific, assertion
+constexpr unsigned char osStatusMarker = 0x40;
+constexpr unsigned char osEventData2 = 0x8F;
+constexpr unsigned char osEventData3 = 0xFF;
+constexpr unsigned int osEventSize = 7;
+constexpr unsigned int osEventData1 = 4;
+}  // namespace mmb
+
 }  // namespace qelIpmi
 
 #endif
