@@ -1,0 +1,48 @@
+# The SMBIOS values each boot's firmware is given (-smbios) and that its
+# guest test expects back. Read by the host script and by the guest tests;
+# no commas (QEMU's option syntax) and no quotes inside values.
+
+# qemu-bmc: a plain rack server. One enclosure whose serial equals the
+# system's, a family other than ALDERCROFT: no blade, no ALDERCROFT machine.
+# A small table, which the firmware places below 1 MiB.
+QEMU_BMC_SYS_MANUFACTURER="Qel Test Works"
+QEMU_BMC_SYS_PRODUCT="RX 2540 test rig"
+QEMU_BMC_SYS_VERSION="rev 1.2"
+QEMU_BMC_SYS_SERIAL="SN-RACK-0001"
+QEMU_BMC_SYS_SKU="SKU-7"
+QEMU_BMC_SYS_FAMILY="PRIMEDGE"
+QEMU_BMC_CHASSIS_MANUFACTURER="Qel Chassis Co"
+QEMU_BMC_CHASSIS_VERSION="chassis v3"
+QEMU_BMC_CHASSIS_SERIAL="SN-RACK-0001"
+QEMU_BMC_CHASSIS_ASSET="ASSET-42"
+
+# smbios-high: a blade of the ALDERCROFT line. The family says so, and the
+# one enclosure's serial differs from the system's. Long OEM strings
+# (type 11) make the table too big for the F segment, so the firmware puts
+# it at the top of RAM, above 1 MiB.
+SMBIOS_HIGH_SYS_MANUFACTURER="Qel Blade Works"
+SMBIOS_HIGH_SYS_PRODUCT="BX 920 blade"
+SMBIOS_HIGH_SYS_VERSION="S4"
+SMBIOS_HIGH_SYS_SERIAL="SN-BLADE-0007"
+SMBIOS_HIGH_SYS_SKU="SKU-B"
+SMBIOS_HIGH_SYS_FAMILY="ALDERCROFT"
+SMBIOS_HIGH_CHASSIS_MANUFACTURER="Qel Blade Chassis"
+SMBIOS_HIGH_CHASSIS_VERSION="BX900 S2"
+SMBIOS_HIGH_CHASSIS_SERIAL="SN-CHASSIS-0100"
+SMBIOS_HIGH_CHASSIS_ASSET="ASSET-BLADE"
+SMBIOS_HIGH_OEM_STRINGS=4   # type 11 strings of 250 characters each
+
+# watchdog-fire: ALDERCROFT named only in the product name, one enclosure
+# with the system's serial: an ALDERCROFT machine, but no blade.
+WATCHDOG_FIRE_SYS_MANUFACTURER="Qel Test Works"
+WATCHDOG_FIRE_SYS_PRODUCT="QEL ALDERCROFT CX400 node"
+WATCHDOG_FIRE_SYS_VERSION="1"
+WATCHDOG_FIRE_SYS_SERIAL="SN-NODE-0003"
+WATCHDOG_FIRE_SYS_SKU="SKU-N"
+WATCHDOG_FIRE_SYS_FAMILY="CX"
+WATCHDOG_FIRE_CHASSIS_MANUFACTURER="Qel Chassis Co"
+WATCHDOG_FIRE_CHASSIS_VERSION="CX400 M1"
+WATCHDOG_FIRE_CHASSIS_SERIAL="SN-NODE-0003"
+WATCHDOG_FIRE_CHASSIS_ASSET="ASSET-CX"
+# The hard-reset watchdog: 5 s, left alone.
+WATCHDOG_FIRE_COUNTDOWN=50

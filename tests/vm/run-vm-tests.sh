@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# The VM tier: the library on a real kernel IPMI stack. Assembles the guest
+# (assemble.sh), boots it under QEMU once per guest test and passes each
+# guest's result back:
+#
+#   qemu-bmc       QEMU's BMC through the kernel's KCS driver: transport,
+#                  identity, watchdog, SMBIOS below 1 MiB, benchmark
+#   smbios-high    a table above 1 MiB; an ALDERCROFT blade
+#   watchdog-fire  a hard-reset watchdog left alone resets the guest; the
+#                  second boot finds the expiration flag
+#
+#   run-vm-tests.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]
+#
+# Every boot is bounded by a host-side timeout, all boots together by
+# $QEL_VM_BUDGET seconds (default 300). A VM that cannot start fails the run
+# with the reason. QEL_SKIP_VM=1 skips the tier (exit 77, which ctest reports
+# as skipped) and says so.
+set -uo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+out= probe= lib= qeld=
+while (($#)); do
+  case $1 in
+    --out) out=$2; shift 2 ;;
+    --probe) probe=$2; shift 2 ;;
+    --lib) lib=$2; shift 2 ;;
+    --qeld) qeld=$2; shift 2 ;;
+    *) echo "run-vm-tests.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+[ -n "$out" ] && [ -n "$probe" ] && [ -n "$lib" ] || {
+  echo "usage: run-vm-tests.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]" >&2; exit 2; }
+
+if [ "${QEL_SKIP_VM:-0}" = 1 ]; then
+  echo "vm tier: SKIPPED because QEL_SKIP_VM=1 is set; no VM was booted"
+  exit 77
+fi
+
+now() { date +%s.%N; }
+since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
+fatal() { echo "vm tier: FAILED: $*"; exit 1; }
+
+mkdir -p "$out" || fatal "cannot create $out"
+figures=$out/figures.txt
+: > "$figures"
+note() { echo "$*" | tee -a "$figures"; }
+
+# ---------------------------------------------------------------- assemble
+t=$(now)
+asm=(bash "$here/assemble.sh" --out "$out" --probe "$probe" --lib "$lib")
+[ -n "$qeld" ] && asm+=(--qeld "$qeld")
+if ! "${asm[@]}" > "$out/assemble.log" 2>&1; then
+  cat "$out/assemble.log"
+  fatal "the VM could not be assembled (see above)"
+fi
+cat "$out/assemble.log"
+note "assemble: $(since "$t") s in all"
+
+qemu=$(command -v qemu-system-x86_64) || fatal "qemu-system-x86_64 is not installed"
+"$qemu" -device help 2>/dev/null | grep -q '"ipmi-bmc-sim"' \
+  || fatal "$qemu has no ipmi-bmc-sim device"
+
+# ---------------------------------------------------------------- boots
+budget=${QEL_VM_BUDGET:-300}
+tier_start=$(now)
+. "$here/guest/boots.sh"
+failed=()
+
+# The -smbios options of a boot, from the values in boots.sh (PREFIX_...).
+smbios_args() {
+  local p=$1 v i n s=""
+  args=()
+  eval "args+=(-smbios \"type=1,manufacturer=\${${p}_SYS_MANUFACTURER},product=\${${p}_SYS_PRODUCT},version=\${${p}_SYS_VERSION},serial=\${${p}_SYS_SERIAL},sku=\${${p}_SYS_SKU},family=\${${p}_SYS_FAMILY}\")"
+  eval "args+=(-smbios \"type=3,manufacturer=\${${p}_CHASSIS_MANUFACTURER},version=\${${p}_CHASSIS_VERSION},serial=\${${p}_CHASSIS_SERIAL},asset=\${${p}_CHASSIS_ASSET}\")"
+  eval "n=\${${p}_OEM_STRINGS:-0}"
+  for ((i = 1; i <= n; i++)); do
+    s=$(printf 'QEL-OEM-%02d-%0240d' "$i" 0)
+    args+=(-smbios "type=11,value=$s")
+  done
+}
+
+# boot NAME LIMIT BOOTS: one QEMU run of guest test NAME, at most LIMIT
+# seconds, in which the guest is expected to boot BOOTS times.
+boot() {
+  local name=$1 limit=$2 boots=$3 dir=$out/$1 prefix left start wall rc
+  prefix=${name^^}; prefix=${prefix//-/_}
+  left=$(awk -v b="$budget" -v s="$tier_start" -v n="$(now)" 'BEGIN { printf "%d", b - (n - s) }')
+  if [ "$left" -lt 20 ]; then
+    echo "[$name] FAIL: not started, the tier's budget of ${budget}s is used up"
+    failed+=("$name")
+    return
+  fi
+  [ "$limit" -gt "$left" ] && limit=$left
+  rm -rf "$dir"; mkdir -p "$dir"
+  smbios_args "$prefix"
+  local cmd=("$qemu" -machine pc,smbios-entry-point-type=32 -accel tcg -cpu max -m 512
+    -display none -monitor none -nic none
+    -device ipmi-bmc-sim,id=bmc0 -device isa-ipmi-kcs,bmc=bmc0
+    -kernel "$out/kernel" -initrd "$out/initrd.img"
+    -append "console=ttyS0 panic=-1 quiet qel.test=$name"
+    -serial "file:$dir/console.log" -serial "file:$dir/test.raw" "${args[@]}")
+  # A guest that should not reboot makes QEMU exit when it tries.
+  [ "$boots" -eq 1 ] && cmd+=(-no-reboot)
+  printf '%q ' "${cmd[@]}" > "$dir/qemu.cmd"
+  start=$(now)
+  timeout -k 5 "$limit" "${cmd[@]}" </dev/null >"$dir/qemu.out" 2>&1
+  rc=$?
+  wall=$(since "$start")
+  tr -d '\r' < "$dir/test.raw" > "$dir/test.log" 2>/dev/null
+  sed "s/^/[$name] /" "$dir/test.log"
+
+  local why=() seen status
+  if [ "$rc" -eq 124 ] || [ "$rc" -eq 137 ]; then why+=("timed out after ${limit}s")
+  elif [ "$rc" -ne 0 ]; then why+=("QEMU exited with status $rc: $(head -c 400 "$dir/qemu.out")")
+  fi
+  [ -s "$dir/test.raw" ] || why+=("the guest wrote nothing to its test port (no boot reached /init)")
+  seen=$(grep -c '^QEL-VM-BOOT ' "$dir/test.log")
+  [ "$seen" -eq "$boots" ] || why+=("the guest booted $seen times, expected $boots")
+  status=$(sed -n 's/^QEL-VM-STATUS \([0-9]*\).*/\1/p' "$dir/test.log" | tail -1)
+  if [ -z "$status" ]; then why+=("the guest reported no status")
+  elif [ "$status" -ne 0 ]; then why+=("the guest test exited with status $status")
+  fi
+  if [ "$boots" -gt 1 ]; then
+    # Every boot but the last must end armed and without a status: the reset
+    # came from the watchdog, not from the script.
+    awk '/^QEL-VM-BOOT /{b++} /^QEL-VM-ARMED/{a[b]=1} /^QEL-VM-STATUS/{s[b]=1}
+         END { for (i = 1; i < b; i++) if (!a[i] || s[i]) exit 1 }' "$dir/test.log" \
+      || why+=("an earlier boot ended otherwise than armed and reset")
+  fi
+
+  # Figures: the kernel's uptime at /init, at the test script and at its end;
+  # what the wall clock has beyond the last boot's uptime is QEMU's start,
+  # the firmware and the kernel's self-decompression.
+  local upb upr ups
+  upb=$(sed -n 's/^QEL-VM-BOOT .*uptime=\([0-9.]*\).*/\1/p' "$dir/test.log" | tail -1)
+  upr=$(sed -n 's/^QEL-VM-READY uptime=\([0-9.]*\).*/\1/p' "$dir/test.log" | tail -1)
+  ups=$(sed -n 's/^QEL-VM-STATUS .*uptime=\([0-9.]*\).*/\1/p' "$dir/test.log" | tail -1)
+  if [ -n "$upr" ] && [ -n "$ups" ]; then
+    note "boot $name: ${wall} s wall for $seen boot(s); last boot: kernel to /init ${upb} s," \
+      "to test script ${upr} s (uptime), test script $(awk -v a="$upr" -v b="$ups" 'BEGIN { printf "%.1f", b - a }') s," \
+      "before the kernel ~$(awk -v w="$wall" -v u="$ups" -v n="$seen" 'BEGIN { printf "%.1f", n == 1 ? w - u : 0 }') s"
+  else
+    note "boot $name: ${wall} s wall"
+  fi
+  sed -n 's/^BENCH /bench: /p' "$dir/test.log" | tee -a "$figures"
+
+  if ((${#why[@]})); then
+    failed+=("$name")
+    printf "[$name] FAIL: %s\n" "${why[@]}"
+    echo "[$name] --- kernel console (last 30 lines):"
+    tr -d '\r' < "$dir/console.log" 2>/dev/null | tail -30 | sed "s/^/[$name] /"
+  else
+    echo "[$name] ok"
+  fi
+}
+
+boot qemu-bmc 150 1
+boot smbios-high 90 1
+boot watchdog-fire 150 2
+
+note "vm tier: $(since "$tier_start") s for all boots (budget ${budget} s)"
+if ((${#failed[@]})); then
+  echo "vm tier: FAILED: ${failed[*]}"
+  exit 1
+fi
+echo "vm tier: all boots passed"
