@@ -25,8 +25,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "qelAddress.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
+#include "qelIpmiWatchdog.h"
 #include "qelSimDescription.h"
 #include "qelSimSocket.h"
 
@@ -177,6 +179,83 @@ std::string dumpValue(const std::string& dump, const std::string& key) {
     for (std::string line; std::getline(in, line);)
         if (line.rfind(key + " ", 0) == 0) return line.substr(key.size() + 1);
     return "<no " + key + ">";
+}
+
+// ipmitool, an IPMI decoder written by others, on the controller through the
+// stand-in /dev/ipmi0 (the preload library, never instrumented, so this also
+// runs in sanitizer builds).
+struct ToolRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+ToolRun ipmitool(const std::string& socket, const TempDir& dir, std::vector<std::string> args) {
+    ToolRun run;
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry = *e;
+        if (entry.rfind("LD_PRELOAD=", 0) != 0 && entry.rfind("QEL_BMCSIM_SOCKET=", 0) != 0)
+            env.push_back(entry);
+    }
+    env.push_back("QEL_BMCSIM_SOCKET=" + socket);
+    env.push_back(std::string("LD_PRELOAD=") + QEL_PRELOAD_PATH);
+    std::vector<char*> envp;
+    for (std::string& e : env) envp.push_back(&e[0]);
+    envp.push_back(nullptr);
+    args.insert(args.begin(), {"ipmitool", "-I", "open"});
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) < 0) return run;
+    std::string errPath = dir / "ipmitool.err";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = -1;
+    int rc = posix_spawnp(&pid, "ipmitool", &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    if (rc != 0) {
+        ::close(out[0]);
+        run.err = "ipmitool cannot be started (" + std::string(std::strerror(rc)) +
+                  "); scripts/install-deps.sh installs it (Debian package ipmitool)";
+        return run;
+    }
+    run.out = drain(out[0]);
+    ::close(out[0]);
+    run.status = waitExit(pid);
+    run.err = readFile(errPath);
+    return run;
+}
+
+// The value of "Name: value" or "Name   : value" in ipmitool's listings.
+std::string toolField(const std::string& text, const std::string& name) {
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind(name, 0) != 0) continue;
+        std::size_t colon = line.find(':', name.size());
+        if (colon == std::string::npos || line.find_first_not_of(' ', name.size()) != colon) continue;
+        std::size_t start = line.find_first_not_of(' ', colon + 1);
+        return start == std::string::npos ? "" : line.substr(start);
+    }
+    return "<no " + name + ">";
+}
+
+// The number in "(0x44)" at the end of a field.
+int hexInParentheses(const std::string& value) {
+    std::size_t open = value.rfind("(0x");
+    return open == std::string::npos ? -1 : static_cast<int>(std::stoul(value.substr(open + 3), nullptr, 16));
+}
+
+// "227.7 sec" in tenths of a second, the watchdog's unit.
+int tenths(const std::string& value) {
+    std::size_t dot = value.find('.');
+    if (dot == std::string::npos) return -1;
+    return std::stoi(value.substr(0, dot)) * 10 + (value[dot + 1] - '0');
 }
 
 class SharedController : public testing::Test {
@@ -516,6 +595,96 @@ TEST_F(SharedController, QelctlInAnotherProcessGetsTheSameBytes) {
     ASSERT_EQ(waitExit(pid), 0) << readFile(dir / "qelctl.err");
     EXPECT_THAT(text, StartsWith("raw: " + qelSim::hexText(responseOf(getDeviceId)) + "\n"));
     EXPECT_EQ(ctl->requestLines().size(), 2u);
+}
+
+// ---------------------------------------------------------------- cross-checks with ipmitool
+
+TEST_F(SharedController, IpmitoolReadsTheWatchdogTheLibraryProgrammed) {
+    using qelIpmi::QelIpmiWatchdog;
+    QelIpmiWatchdog watchdog(QelIpmiWatchdog::TIMER_USE_SMS_OS);
+    watchdog.dontLog = false;
+    watchdog.preTimeoutInterrupt = 2;
+    watchdog.preTimeoutInterval = 5;
+    watchdog.timeoutAction = 1;
+    watchdog.initialCountdown = 2400;
+    ASSERT_TRUE(watchdog.set(false));
+    ASSERT_TRUE(watchdog.resetTimer());
+    ctl->advanceMs(12300);
+    watchdog.update();
+    ASSERT_TRUE(watchdog.running);
+    ASSERT_EQ(watchdog.presentCountdown, 2400 - 123);
+
+    ToolRun get = ipmitool(sim.socket(), dir, {"mc", "watchdog", "get"});
+    ASSERT_EQ(get.status, 0) << get.err;
+    EXPECT_EQ(hexInParentheses(toolField(get.out, "Watchdog Timer Use")) & 0x07, watchdog.timerUse);
+    EXPECT_EQ(toolField(get.out, "Watchdog Timer Is"), "Started/Running");
+    EXPECT_EQ(hexInParentheses(toolField(get.out, "Watchdog Timer Action")) & 0x07, watchdog.timeoutAction);
+    EXPECT_EQ(tenths(toolField(get.out, "Initial Countdown")), watchdog.initialCountdown);
+    EXPECT_EQ(tenths(toolField(get.out, "Present Countdown")), watchdog.presentCountdown);
+    EXPECT_EQ(toolField(get.out, "Pre-timeout interval"), "5 seconds");
+
+    // Stopped by the library: stopped for ipmitool too.
+    ASSERT_TRUE(watchdog.stopTimer());
+    watchdog.update();
+    EXPECT_FALSE(watchdog.running);
+    get = ipmitool(sim.socket(), dir, {"mc", "watchdog", "get"});
+    ASSERT_EQ(get.status, 0) << get.err;
+    EXPECT_EQ(toolField(get.out, "Watchdog Timer Is"), "Stopped");
+
+    // Not reset in time: it runs out on the controller's clock, and both see
+    // the timer stopped with this use's expiration flag.
+    ASSERT_TRUE(watchdog.resetTimer());
+    ctl->advanceMs(240000);
+    watchdog.update();
+    EXPECT_FALSE(watchdog.running);
+    EXPECT_TRUE(watchdog.expired);
+    get = ipmitool(sim.socket(), dir, {"mc", "watchdog", "get"});
+    ASSERT_EQ(get.status, 0) << get.err;
+    EXPECT_EQ(toolField(get.out, "Watchdog Timer Is"), "Stopped");
+    EXPECT_EQ(hexInParentheses(toolField(get.out, "Timer Expiration Flags")),
+              qelIpmi::watchdogWire::expirationFlag(QelIpmiWatchdog::TIMER_USE_SMS_OS));
+    EXPECT_EQ(tenths(toolField(get.out, "Present Countdown")), 0);
+}
+
+TEST_F(SharedController, IpmitoolLanPrintAgreesWithQelIpmiLan) {
+    qelIpmi::QelIpmiLan lan(0);  // finds the LAN channel and reads it
+    ASSERT_TRUE(lan.valid);
+    ToolRun print = ipmitool(sim.socket(), dir, {"lan", "print", std::to_string(lan.channel)});
+    ASSERT_EQ(print.status, 0) << print.err;
+    EXPECT_EQ(IPv4Address(toolField(print.out, "IP Address")), lan.ipAddress);
+    EXPECT_EQ(IPv4Address(toolField(print.out, "Subnet Mask")), lan.subnetMask);
+    EXPECT_EQ(IPv4Address(toolField(print.out, "Default Gateway IP")), lan.defaultGateway);
+    char mac[18];
+    const uint8_t* b = lan.macAddress.bytes;
+    std::snprintf(mac, sizeof mac, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
+    EXPECT_EQ(toolField(print.out, "MAC Address"), mac);
+    // ipmitool's names for the IP address source values.
+    static const char* const sources[] = {"Unspecified", "Static Address", "DHCP Address",
+                                          "BIOS Assigned Address"};
+    ASSERT_GE(lan.ipAddressSource, 0);
+    EXPECT_EQ(toolField(print.out, "IP Address Source"),
+              lan.ipAddressSource < 4 ? sources[lan.ipAddressSource] : "Other");
+    // Not trivially equal: the controller holds real settings.
+    EXPECT_NE(lan.ipAddress, IPv4Address());
+    EXPECT_NE(std::string(mac), "00:00:00:00:00:00");
+}
+
+TEST_F(SharedController, IpmitoolRawPrintsTheBytesQelIpmiGets) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+    ToolRun raw = ipmitool(sim.socket(), dir, {"raw", "0x06", "0x01"});
+    ASSERT_EQ(raw.status, 0) << raw.err;
+    // ipmitool prints the data behind the completion code.
+    Bytes bytes = responseOf(getDeviceId);
+    ASSERT_EQ(bytes.at(0), 0);
+    std::istringstream printed(raw.out);
+    Bytes seen{0};
+    for (std::string word; printed >> word;) seen.push_back(qelSim::parseHexByte(word));
+    EXPECT_EQ(seen, bytes);
+    ToolRun info = ipmitool(sim.socket(), dir, {"mc", "info"});
+    ASSERT_EQ(info.status, 0) << info.err;
+    EXPECT_EQ(toolField(info.out, "Firmware Revision"), "1.07");
+    EXPECT_EQ(toolField(info.out, "Manufacturer ID"), "32473");
 }
 
 // ---------------------------------------------------------------- clock
