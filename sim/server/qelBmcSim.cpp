@@ -2,14 +2,16 @@
 // every process that connects to its socket, and the control client for it.
 //
 //   qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE]
-//              [--ready-fd N | --daemon]
+//              [--qemu-port PORT] [--ready-fd N | --daemon]
 //   qel-bmcsim [--socket PATH] ctl COMMAND [ARGS...]
 //   qel-bmcsim --keywords
 //
 // The socket defaults to $QEL_BMCSIM_SOCKET. The server tells it is ready
 // (listening, pid file written) by writing "ready\n" to the descriptor of
 // --ready-fd, by returning from the parent with --daemon, or else by printing
-// "ready" on standard output; tests wait for that instead of sleeping. It ends
+// "ready" on standard output; tests wait for that instead of sleeping. With
+// --qemu-port it also serves a virtual machine's KCS interface over QEMU's
+// external-BMC protocol on 127.0.0.1:PORT (qelSimExternBmc.h). It ends
 // cleanly on SIGTERM, SIGINT, SIGHUP or `ctl shutdown`, removing its socket
 // and pid file.
 #include <fcntl.h>
@@ -26,21 +28,25 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "qelSimBmc.h"
 #include "qelSimDescription.h"
+#include "qelSimExternBmc.h"
 #include "qelSimServer.h"
 #include "qelSimSocket.h"
 
 namespace {
 
 const char usageText[] =
-    "usage: qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE] [--ready-fd N | --daemon]\n"
+    "usage: qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE] [--qemu-port PORT]\n"
+    "                  [--ready-fd N | --daemon]\n"
     "       qel-bmcsim [--socket PATH] ctl COMMAND [ARGS...]\n"
     "       qel-bmcsim --keywords\n"
-    "The socket defaults to $QEL_BMCSIM_SOCKET.\n"
+    "The socket defaults to $QEL_BMCSIM_SOCKET. --qemu-port serves a QEMU ipmi-bmc-extern\n"
+    "device on 127.0.0.1:PORT; the controller's clock then follows the wall clock.\n"
     "ctl commands:\n"
     "  advance MS            move the controller's clock on; prints the new time\n"
     "  now                   print the controller's clock\n"
@@ -187,6 +193,7 @@ struct ServerOptions {
     std::string pidFile;
     int readyFd = -1;
     bool daemon = false;
+    int qemuPort = -1;
 };
 
 int serve(ServerOptions o) {
@@ -206,6 +213,16 @@ int serve(ServerOptions o) {
 
     int listenFd = listenAt(o.socketPath);
     if (listenFd < 0) return 1;
+    std::unique_ptr<qelSim::SimExternBmc> machine;
+    if (o.qemuPort >= 0) {
+        machine = std::make_unique<qelSim::SimExternBmc>(bmc, o.qemuPort);
+        std::string error;
+        if (!machine->listen(error)) {
+            ::close(listenFd);
+            ::unlink(o.socketPath.c_str());
+            return fail(error);
+        }
+    }
 
     int daemonPipe[2] = {-1, -1};
     if (o.daemon) {
@@ -271,7 +288,9 @@ int serve(ServerOptions o) {
     }
 
     qelSim::SimServer server(bmc, listenFd, stopPipe[0]);
+    if (machine) machine->start();  // a thread: after the daemon's fork
     server.run();
+    if (machine) machine->stop();
     // Socket and pid file go first: a client that sees its connection close
     // may start the next controller at once.
     cleanUp();
@@ -306,6 +325,12 @@ int main(int argc, char** argv) {
             o.socketPath = args[++i];
         } else if (a == "--config" && hasValue) {
             o.configs.push_back(args[++i]);
+        } else if (a == "--qemu-port" && hasValue) {
+            try {
+                o.qemuPort = static_cast<int>(qelSim::parseNumber(args[++i], 65535));
+            } catch (const std::invalid_argument& e) {
+                return fail(std::string("--qemu-port: ") + e.what(), 2);
+            }
         } else if (a == "--pidfile" && hasValue) {
             o.pidFile = args[++i];
         } else if (a == "--ready-fd" && hasValue) {

@@ -8,8 +8,14 @@
 #   smbios-high    a table above 1 MiB; an ALDERCROFT blade
 #   watchdog-fire  a hard-reset watchdog left alone resets the guest; the
 #                  second boot finds the expiration flag
+#   bmcsim         the project's simulated controller (qel-bmcsim) behind
+#                  the KCS interface over QEMU's external-BMC protocol:
+#                  transport, identity, watchdog, and a reset that the
+#                  simulator's watchdog asks QEMU for; the host checks the
+#                  simulator's traffic and state afterwards
 #
 #   run-vm-tests.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]
+#                   [--bmcsim QEL-BMCSIM]
 #
 # Every boot is bounded by a host-side timeout, all boots together by
 # $QEL_VM_BUDGET seconds (default 300). A VM that cannot start fails the run
@@ -18,13 +24,14 @@
 set -uo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-out= probe= lib= qeld=
+out= probe= lib= qeld= bmcsim=
 while (($#)); do
   case $1 in
     --out) out=$2; shift 2 ;;
     --probe) probe=$2; shift 2 ;;
     --lib) lib=$2; shift 2 ;;
     --qeld) qeld=$2; shift 2 ;;
+    --bmcsim) bmcsim=$2; shift 2 ;;
     *) echo "run-vm-tests.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -70,6 +77,8 @@ failed=()
 smbios_args() {
   local p=$1 v i n s=""
   args=()
+  eval "v=\${${p}_SYS_MANUFACTURER:-}"
+  [ -n "$v" ] || return 0  # QEMU's own defaults
   eval "args+=(-smbios \"type=1,manufacturer=\${${p}_SYS_MANUFACTURER},product=\${${p}_SYS_PRODUCT},version=\${${p}_SYS_VERSION},serial=\${${p}_SYS_SERIAL},sku=\${${p}_SYS_SKU},family=\${${p}_SYS_FAMILY}\")"
   eval "args+=(-smbios \"type=3,manufacturer=\${${p}_CHASSIS_MANUFACTURER},version=\${${p}_CHASSIS_VERSION},serial=\${${p}_CHASSIS_SERIAL},asset=\${${p}_CHASSIS_ASSET}\")"
   eval "n=\${${p}_OEM_STRINGS:-0}"
@@ -79,10 +88,11 @@ smbios_args() {
   done
 }
 
-# boot NAME LIMIT BOOTS: one QEMU run of guest test NAME, at most LIMIT
-# seconds, in which the guest is expected to boot BOOTS times.
+# boot NAME LIMIT BOOTS [BMC]: one QEMU run of guest test NAME, at most LIMIT
+# seconds, in which the guest is expected to boot BOOTS times. BMC is "qemu"
+# (QEMU's own, the default) or "bmcsim" (qel-bmcsim over a socket).
 boot() {
-  local name=$1 limit=$2 boots=$3 dir=$out/$1 prefix left start wall rc
+  local name=$1 limit=$2 boots=$3 bmc=${4:-qemu} dir=$out/$1 prefix left start wall rc
   prefix=${name^^}; prefix=${prefix//-/_}
   left=$(awk -v b="$budget" -v s="$tier_start" -v n="$(now)" 'BEGIN { printf "%d", b - (n - s) }')
   if [ "$left" -lt 20 ]; then
@@ -93,9 +103,15 @@ boot() {
   [ "$limit" -gt "$left" ] && limit=$left
   rm -rf "$dir"; mkdir -p "$dir"
   smbios_args "$prefix"
+  local bmcdev=(-device ipmi-bmc-sim,id=bmc0)
+  if [ "$bmc" = bmcsim ]; then
+    start_bmcsim "$dir" || { failed+=("$name"); return; }
+    bmcdev=(-chardev "socket,id=c0,host=127.0.0.1,port=$bmcsim_port,reconnect=10"
+      -device ipmi-bmc-extern,chardev=c0,id=bmc0)
+  fi
   local cmd=("$qemu" -machine pc,smbios-entry-point-type=32 -accel tcg -cpu max -m 512
     -display none -monitor none -nic none
-    -device ipmi-bmc-sim,id=bmc0 -device isa-ipmi-kcs,bmc=bmc0
+    "${bmcdev[@]}" -device isa-ipmi-kcs,bmc=bmc0
     -kernel "$out/kernel" -initrd "$out/initrd.img"
     -append "console=ttyS0 panic=-1 quiet qel.test=$name"
     -serial "file:$dir/console.log" -serial "file:$dir/test.raw" "${args[@]}")
@@ -143,6 +159,10 @@ boot() {
     note "boot $name: ${wall} s wall"
   fi
   sed -n 's/^BENCH /bench: /p' "$dir/test.log" | tee -a "$figures"
+  if [ "$bmc" = bmcsim ]; then
+    check_bmcsim "$dir"
+    stop_bmcsim "$dir"
+  fi
 
   if ((${#why[@]})); then
     failed+=("$name")
@@ -154,9 +174,62 @@ boot() {
   fi
 }
 
+# ---------------------------------------------------------------- qel-bmcsim
+bmcsim_port=
+# Starts qel-bmcsim for a boot: its control socket in DIR, QEMU's port on
+# the loopback interface (a free one is searched).
+start_bmcsim() {
+  local dir=$1 try
+  echo "deviceid $BMCSIM_DEVICE_ID" > "$dir/bmcsim.conf"
+  for try in 1 2 3 4 5 6 7 8; do
+    bmcsim_port=$((20000 + (RANDOM * 7 + $$ + try * 811) % 40000))
+    if "$bmcsim" --socket "$dir/bmc.sock" --pidfile "$dir/bmc.pid" --config "$dir/bmcsim.conf" \
+         --qemu-port "$bmcsim_port" --daemon </dev/null >/dev/null 2>>"$dir/bmcsim.err"; then
+      return 0
+    fi
+    grep -q 'in use' "$dir/bmcsim.err" || break
+  done
+  echo "[${dir##*/}] FAIL: qel-bmcsim did not start: $(tail -3 "$dir/bmcsim.err")"
+  return 1
+}
+stop_bmcsim() {
+  local dir=$1
+  "$bmcsim" --socket "$dir/bmc.sock" ctl shutdown >/dev/null 2>&1 \
+    || { [ -s "$dir/bmc.pid" ] && kill "$(cat "$dir/bmc.pid")" 2>/dev/null; }
+}
+# What the simulator recorded: the library's own watchdog bytes arrived
+# unchanged through the kernel's driver, the watchdog ran out once, and the
+# simulator asked QEMU for a reset (0x04).
+check_bmcsim() {
+  local dir=$1 name=${1##*/} why=()
+  "$bmcsim" --socket "$dir/bmc.sock" ctl dump > "$dir/bmcsim.dump" 2>&1 || why+=("ctl dump failed")
+  "$bmcsim" --socket "$dir/bmc.sock" ctl requests > "$dir/bmcsim.requests" 2>&1 || why+=("ctl requests failed")
+  local arm
+  arm=$(printf 'netfn 06 cmd 24 data 04 01 00 10 %02x 00' "$BMCSIM_COUNTDOWN")
+  grep -q "$arm\$" "$dir/bmcsim.requests" || why+=("no Set Watchdog Timer '$arm' recorded")
+  grep -q 'netfn 06 cmd 22 data$' "$dir/bmcsim.requests" || why+=("no Reset Watchdog Timer recorded")
+  grep -q '^expiries 1$' "$dir/bmcsim.dump" || why+=("the simulator's watchdog did not run out exactly once")
+  grep -q '^commands-sent 04$' "$dir/bmcsim.dump" || why+=("the simulator did not send one reset to QEMU")
+  grep -q '^protocol-version 1$' "$dir/bmcsim.dump" || why+=("QEMU did not announce protocol version 1")
+  grep -q '^dropped-frames 0$' "$dir/bmcsim.dump" || why+=("frames were dropped")
+  echo "[$name] simulator: $(grep -c . "$dir/bmcsim.requests") requests recorded;" \
+    "$(sed -n 's/^connections //p' "$dir/bmcsim.dump") connection(s) from QEMU;" \
+    "commands sent: $(sed -n 's/^commands-sent *//p' "$dir/bmcsim.dump")"
+  if ((${#why[@]})); then
+    printf "[$name] FAIL: simulator: %s\n" "${why[@]}"
+    failed+=("$name")
+  fi
+}
+
 boot qemu-bmc 150 1
 boot smbios-high 90 1
 boot watchdog-fire 150 2
+if [ -n "$bmcsim" ]; then
+  boot bmcsim 150 2 bmcsim
+else
+  echo "vm tier: FAIL: no qel-bmcsim given (--bmcsim); the boot against the project's simulator cannot run"
+  failed+=(bmcsim)
+fi
 
 note "vm tier: $(since "$tier_start") s for all boots (budget ${budget} s)"
 if ((${#failed[@]})); then

@@ -46,3 +46,16 @@ WATCHDOG_FIRE_CHASSIS_SERIAL="SN-NODE-0003"
 WATCHDOG_FIRE_CHASSIS_ASSET="ASSET-CX"
 # The hard-reset watchdog: 5 s, left alone.
 WATCHDOG_FIRE_COUNTDOWN=50
+
+# bmcsim: the project's simulated controller (qel-bmcsim) behind the KCS
+# interface, through QEMU's external-BMC protocol. Its Get Device ID answer
+# (completion code first) and what the identity must decode from it. Byte 15
+# is "A": no OEM features, and no probe command is sent for them.
+BMCSIM_DEVICE_ID="00 20 81 02 15 51 bf 11 22 33 44 55 01 02 03 41"
+BMCSIM_MANUFACTURER_ID="112233"
+BMCSIM_PRODUCT_ID="4455"
+BMCSIM_VERSION_STRING="IPMIv51 - fw v2.15.01.02.03.41"
+BMCSIM_FIRMWARE_VERSION="2.15.01020341"
+BMCSIM_FIRMWARE_REVISION="0x0215"
+# The hard-reset watchdog left alone in the first boot: 5 s.
+BMCSIM_COUNTDOWN=50

@@ -10,6 +10,7 @@ if [ "$(echo "$wd" | kv expired)" != 1 ]; then
   check "set hard reset" qel-vm-probe watchdog set 1 0 "$WATCHDOG_FIRE_COUNTDOWN" 0
   check "reset (starts the countdown)" qel-vm-probe watchdog reset
   if [ "$fails" -ne 0 ]; then finish; exit 1; fi
+  echo "checks before the reset: $passes passed, $fails failed"
   echo "QEL-VM-ARMED uptime=$(cut -d' ' -f1 /proc/uptime)"
   # The host expects the reset well before this ends; if it comes back, the
   # watchdog did not fire.
