@@ -250,11 +250,6 @@ const char* const aldercroftLine = "ALDERCROFT";
 // product name. Only strings that the structure's formatted area really
 // holds are looked at (an SMBIOS 2.0 structure ends before the family).
 bool belongsToAldercroftLine() {
-    // The SMBIOS reader is meant for one thread at a time (its operating-
-    // system decision is a plain process-wide value), but identity objects
-    // are created from any thread: their reads take turns.
-    static std::mutex smbiosTurn;
-    std::lock_guard<std::mutex> turn(smbiosTurn);
     try {
         qelSmbios::QelSmbios smbios;
         qelSmbios::SmbiosStructHeader* system =

@@ -83,7 +83,7 @@ char* stringAt(SmbiosStructHeader* entry, unsigned char number) {
 
 }  // namespace
 
-int QelSmbios::os = 0;
+std::atomic<int> QelSmbios::os{0};
 char QelSmbios::empty_string[2] = " ";
 
 void QelSmbios::resetOsForTesting() { os = 0; }

@@ -20,6 +20,7 @@
 #ifndef QEL_SMBIOS_H
 #define QEL_SMBIOS_H
 
+#include <atomic>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -53,8 +54,9 @@ public:
     // The operating-system decision: 0 not yet decided, 1 Linux, 2 VMware
     // ESXi. Decided by the first construction whose uname names a supported
     // system and kept for the process; a later construction that cannot
-    // decide keeps it.
-    static int os;
+    // decide keeps it. Atomic because readers are built from any thread (the
+    // controller identity is); every writer stores the same value.
+    static std::atomic<int> os;
     // What getSmbiosString returns for a string that does not exist: one
     // blank, deliberately not an empty text (callers print it as it is).
     static char empty_string[2];

@@ -200,7 +200,7 @@ TEST_F(SmbiosTest, EntryPointOnEverySixteenByteBoundaryOfABlockIsFound) {
         QelSmbios::resetOsForTesting();
         writeLinuxMemory(root(), offset, 0x9000, table, kSampleStructures);
         QelSmbios s;
-        EXPECT_EQ(QelSmbios::os, 1);
+        EXPECT_EQ(QelSmbios::os.load(), 1);
         EXPECT_EQ(s.getEntryNumber(qelSmbios::SystemEnclosure), 2u);
         SmbiosStructHeader* system = s.getFirstEntry(qelSmbios::SystemInformation);
         ASSERT_NE(system, nullptr);
@@ -253,7 +253,7 @@ TEST_F(SmbiosTest, AnchorOffTheSixteenByteBoundaryIsNeverFound) {
 TEST_F(SmbiosTest, LinuxTableAt0xF1000IsReadThroughTheStream) {
     writeLinuxMemory(root(), 0xF0000, 0xF1000, sampleTable(), kSampleStructures);
     QelSmbios s;
-    EXPECT_EQ(QelSmbios::os, 1);
+    EXPECT_EQ(QelSmbios::os.load(), 1);
     expectSampleTable(s);
 }
 
@@ -335,7 +335,7 @@ TEST_F(SmbiosTest, DeviceWithoutEntryPointGivesAnObjectWithoutTable) {
 
 TEST_F(SmbiosTest, DeviceThatCannotBeOpenedGivesAnObjectWithoutTable) {
     QelSmbios s;  // nothing under the root
-    EXPECT_EQ(QelSmbios::os, 1);
+    EXPECT_EQ(QelSmbios::os.load(), 1);
     expectNoTable(s);
 }
 
@@ -350,7 +350,7 @@ TEST_F(SmbiosTest, HardReadErrorWhileSearchingIsNoDataAvailable) {
 TEST_F(SmbiosTest, UnknownKernelWithNoEarlierDecisionIsUnsupported) {
     host.sysname = "FreeBSD";
     EXPECT_TRUE(throwsLogicError([] { QelSmbios s; }, "unsupported Operating System"));
-    EXPECT_EQ(QelSmbios::os, 0);
+    EXPECT_EQ(QelSmbios::os.load(), 0);
 }
 
 TEST_F(SmbiosTest, FailingUnameWithNoEarlierDecisionIsUnsupported) {
@@ -361,14 +361,14 @@ TEST_F(SmbiosTest, FailingUnameWithNoEarlierDecisionIsUnsupported) {
 TEST_F(SmbiosTest, EarlierDecisionSurvivesAKernelThatCannotBeRecognised) {
     writeLinuxMemory(root(), 0xF0000, 0xF1000, sampleTable(), kSampleStructures);
     { QelSmbios onLinux; }
-    ASSERT_EQ(QelSmbios::os, 1);
+    ASSERT_EQ(QelSmbios::os.load(), 1);
     host.sysname = "FreeBSD";
     QelSmbios other;  // opens nothing, keeps the decision
-    EXPECT_EQ(QelSmbios::os, 1);
+    EXPECT_EQ(QelSmbios::os.load(), 1);
     expectNoTable(other);
     host.unameErrno = EIO;
     QelSmbios failing;
-    EXPECT_EQ(QelSmbios::os, 1);
+    EXPECT_EQ(QelSmbios::os.load(), 1);
     expectNoTable(failing);
 }
 
@@ -376,7 +376,7 @@ TEST_F(SmbiosTest, VmkernelDecidesEsxi) {
     host.sysname = "VMkernel";
     writeEsxiDevice(root(), 0, sampleTable(), kSampleStructures);
     QelSmbios s;
-    EXPECT_EQ(QelSmbios::os, 2);
+    EXPECT_EQ(QelSmbios::os.load(), 2);
     expectSampleTable(s);
 }
 
