@@ -15,6 +15,9 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerIdentityCommands(*this);
     // After the identity: the board answers the slot query once it has a slot.
     registerBoardCommands(*this);
+    // Keywords and dump sections for the models above that have none of
+    // their own; after them, so their sections come last in the dump.
+    registerModelDescriptions(*this);
 }
 
 void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler) {

@@ -262,6 +262,9 @@ void registerConfSpaceCommands(SimBmc& bmc);
 void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
+// Description keywords and dump sections of the watchdog, configuration
+// space, FRU/PNI and LAN models (qelSimModelDescriptions.h).
+void registerModelDescriptions(SimBmc& bmc);
 
 }  // namespace qelSim
 
