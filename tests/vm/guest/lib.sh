@@ -64,3 +64,14 @@ check_smbios_strings() {
 }
 # The expiration flags byte as ipmitool prints it ("0x10").
 ipmi_wd_flags() { ipmi_wd 'Timer Expiration Flags' | sed -n 's/.*\(0x[0-9a-fA-F][0-9a-fA-F]\).*/\1/p'; }
+# wait_until TENTHS COMMAND...: polls the command every 100 ms until it
+# succeeds or TENTHS polls are used up (a bound, not a sleep for a result).
+wait_until() {
+  n=$1; shift
+  while [ "$n" -gt 0 ]; do
+    "$@" >/dev/null 2>&1 && return 0
+    usleep 100000
+    n=$((n - 1))
+  done
+  "$@" >/dev/null 2>&1
+}

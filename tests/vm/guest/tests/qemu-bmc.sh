@@ -95,6 +95,41 @@ echo "== ALDERCROFT and blade decisions"
 check_eq "QelBladeInfo bladeSystem (one enclosure, same serial)" 0 "$(qel-vm-probe blade | kv bladeSystem)"
 check_eq "QelBladeInfo acSystem (family $QEMU_BMC_SYS_FAMILY)" 0 "$(qel-vm-probe blade | kv acSystem)"
 
+echo "== the agent: qeld --once and qeld --daemon + SIGTERM on the real device"
+if command -v qeld >/dev/null; then
+  syslogd -O /tmp/messages
+  # QEMU's BMC has no configuration space and no PNI FRU: the agent goes on
+  # without them. A pass of --once leaves the watchdog alone.
+  before=$(ipmitool mc watchdog get 2>/dev/null | tr '\n' ';')
+  check "qeld --once exits 0" qeld --once --no-stderr
+  check_eq "after qeld --once: the watchdog untouched" "$before" "$(ipmitool mc watchdog get 2>/dev/null | tr '\n' ';')"
+  # A running watchdog that the daemon finds; without a configuration space
+  # it leaves the settings alone, and it stops the timer when it ends.
+  check "set hard reset, 120 s" qel-vm-probe watchdog set 1 0 1200 0
+  check "reset" qel-vm-probe watchdog reset
+  check "qeld --daemon exits 0" qeld --daemon --no-stderr
+  pid=$(cat /var/run/qeld.pid 2>/dev/null)
+  check "the pid file names a live daemon ($pid)" kill -0 "$pid"
+  check "qeld logs that it starts" wait_until 50 grep -q 'qel_daemon.*starting' /tmp/messages
+  first=$(ipmi_wd 'Present Countdown' | tenths)
+  check "while the daemon runs: the countdown runs ($first)" between "$first" 1 1199
+  kill -TERM "$pid"
+  check "SIGTERM ends the daemon" wait_until 150 sh -c "! kill -0 $pid"
+  check "the pid file is gone" sh -c "! test -e /var/run/qeld.pid"
+  check "the daemon logs the termination signal" grep -q 'Termination signal received' /tmp/messages
+  first=$(ipmi_wd 'Present Countdown' | tenths)
+  sleep 1
+  second=$(ipmi_wd 'Present Countdown' | tenths)
+  check_eq "after the daemon: the countdown stands still" "$first" "$second"
+  check_eq "after the daemon: ipmitool says stopped" "Stopped" "$(ipmi_wd 'Watchdog Timer Is')"
+  check_eq "after the daemon: timer use SMS/OS" "SMS/OS (0x04)" "$(ipmi_wd 'Watchdog Timer Use')"
+  check_eq "after the daemon: the watchdog did not run out" "0x00" "$(ipmi_wd_flags)"
+  echo "--- syslog:"
+  cat /tmp/messages
+else
+  echo "NOT RUN: qeld is not in this guest (no qeld target in the build)"
+fi
+
 echo "== benchmark: Get Device ID round trips on the KCS interface"
 b=$(qel-vm-probe bench 200)
 check_eq "QelIpmi bench: no failed exchange" 0 "$(echo "$b" | kv failures)"
