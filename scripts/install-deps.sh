@@ -12,6 +12,7 @@ packages=(
   dmidecode                          # independent reader of SMBIOS tables
   python3                            # JSON oracle helpers in the system tests
   ipmitool                           # independent IPMI decoder against the shared simulated controller
+  freeipmi-tools                     # ipmi-fru: a second FRU decoder, one that checks the area checksums
 )
 
 missing=()

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "qelIpmiCommands.h"
 
@@ -83,19 +84,40 @@ void SimFru::clearCounts() {
     writes_ = 0;
 }
 
+void SimFru::setOtherDevice(unsigned char id, Bytes image) {
+    Lock lock(bmc_.mutex());
+    if (image.empty())
+        others_.erase(id);
+    else
+        others_[id] = std::move(image);
+}
+
+Bytes SimFru::otherDevice(unsigned char id) const {
+    Lock lock(bmc_.mutex());
+    auto it = others_.find(id);
+    return it == others_.end() ? Bytes{} : it->second;
+}
+
+Bytes* SimFru::deviceImage(unsigned char id) {
+    if (id == deviceId_) return &image_;
+    auto it = others_.find(id);
+    return it == others_.end() ? nullptr : &it->second;
+}
+
 Response SimFru::readFruData(const Request& r) {
     Lock lock(bmc_.mutex());
     ++reads_;
     if (r.data.size() != fruData::readRequestSize) return {cc::requestDataLengthInvalid};
-    if (r.data[fruData::requestDeviceId] != deviceId_) return {cc::notPresent};
+    const Bytes* image = deviceImage(r.data[fruData::requestDeviceId]);
+    if (image == nullptr) return {cc::notPresent};
     const unsigned int offset = r.data[fruData::requestOffset] | r.data[fruData::requestOffset + 1] << 8;
     unsigned int count = r.data[fruData::readRequestCount];
     for (const ReadFault& f : readFaults_)
         if (offset < f.offset + f.length && f.offset < offset + std::max(count, 1u)) return {f.code};
-    if (offset >= image_.size()) return {cc::parameterOutOfRange};
-    count = std::min<unsigned int>(count, static_cast<unsigned int>(image_.size() - offset));
+    if (offset >= image->size()) return {cc::parameterOutOfRange};
+    count = std::min<unsigned int>(count, static_cast<unsigned int>(image->size() - offset));
     Response response{cc::ok, static_cast<unsigned char>(count)};
-    response.insert(response.end(), image_.begin() + offset, image_.begin() + offset + count);
+    response.insert(response.end(), image->begin() + offset, image->begin() + offset + count);
     return response;
 }
 
@@ -104,20 +126,22 @@ Response SimFru::writeFruData(const Request& r) {
     ++writes_;
     if (writeFaultCountdown_ > 0 && --writeFaultCountdown_ == 0) return {writeFaultCode_};
     if (r.data.size() < fruData::writeRequestData) return {cc::requestDataLengthInvalid};
-    if (r.data[fruData::requestDeviceId] != deviceId_) return {cc::notPresent};
+    Bytes* image = deviceImage(r.data[fruData::requestDeviceId]);
+    if (image == nullptr) return {cc::notPresent};
     const unsigned int offset = r.data[fruData::requestOffset] | r.data[fruData::requestOffset + 1] << 8;
-    if (offset >= image_.size()) return {cc::parameterOutOfRange};
+    if (offset >= image->size()) return {cc::parameterOutOfRange};
     const std::size_t count =
-        std::min(r.data.size() - fruData::writeRequestData, image_.size() - offset);
-    std::copy_n(r.data.begin() + fruData::writeRequestData, count, image_.begin() + offset);
+        std::min(r.data.size() - fruData::writeRequestData, image->size() - offset);
+    std::copy_n(r.data.begin() + fruData::writeRequestData, count, image->begin() + offset);
     return {cc::ok, static_cast<unsigned char>(count)};
 }
 
 Response SimFru::inventoryAreaInfo(const Request& r) {
     Lock lock(bmc_.mutex());
     if (r.data.size() != 1) return {cc::requestDataLengthInvalid};
-    if (r.data[0] != deviceId_) return {cc::notPresent};
-    const std::size_t size = image_.size();
+    const Bytes* image = deviceImage(r.data[0]);
+    if (image == nullptr) return {cc::notPresent};
+    const std::size_t size = image->size();
     return {cc::ok, static_cast<unsigned char>(size & 0xFF), static_cast<unsigned char>(size >> 8 & 0xFF),
             0x00};
 }
@@ -151,6 +175,7 @@ void registerFruCommands(SimBmc& bmc) {
     bmc.setHandler(netfn::storage, cmd::getFruInventoryAreaInfo,
                    [fru](const Request& r) { return fru->inventoryAreaInfo(r); });
     bmc.setHandler(netfn::oemPni, cmd::pniLocate, [fru](const Request& r) { return fru->pniLocate(r); });
+    registerFruKeywords(bmc);
 }
 
 // ---------------------------------------------------------------- image format
@@ -178,8 +203,13 @@ unsigned char zeroSum(const unsigned char* data, std::size_t length) {
 
 void append(Bytes& out, const std::string& text) { out.insert(out.end(), text.begin(), text.end()); }
 
-// An IPMI FRU type/length field: 8-bit ASCII, up to 63 bytes.
+// An IPMI FRU type/length field: 8-bit ASCII, up to 63 bytes. One byte of
+// text is no such field: its type/length byte C1 is the end-of-fields mark,
+// and FRU tools stop reading the area there.
 void appendField(Bytes& out, const std::string& text) {
+    if (text.size() > 0x3F) throw std::length_error("PniImageBuilder: info area text above 63 bytes");
+    if (text.size() == 1)
+        throw std::length_error("PniImageBuilder: a 1-byte info area text reads as the end-of-fields mark");
     out.push_back(static_cast<unsigned char>(0xC0 | text.size()));
     append(out, text);
 }
@@ -193,33 +223,33 @@ void closeInfoArea(Bytes& area) {
     area.push_back(zeroSum(area.data(), area.size()));
 }
 
-Bytes chassisArea() {
+Bytes chassisArea(const FruInfoTexts& t) {
     Bytes a{0x01, 0x00, 0x17};  // version, length, rack mount chassis
-    appendField(a, "QEL-CH-0001");
-    appendField(a, "CH0000042");
+    appendField(a, t.chassisPartNumber);
+    appendField(a, t.chassisSerial);
     closeInfoArea(a);
     return a;
 }
 
-Bytes boardArea() {
+Bytes boardArea(const FruInfoTexts& t) {
     Bytes a{0x01, 0x00, 0x00, 0x60, 0x8F, 0xC4};  // version, length, English, manufactured 2020
-    appendField(a, "Example Systems");
-    appendField(a, "QEL Test Board");
-    appendField(a, "BD0000042");
-    appendField(a, "QEL-BD-0001");
+    appendField(a, t.boardManufacturer);
+    appendField(a, t.boardProduct);
+    appendField(a, t.boardSerial);
+    appendField(a, t.boardPartNumber);
     appendField(a, "");  // FRU file id
     closeInfoArea(a);
     return a;
 }
 
-Bytes productArea() {
+Bytes productArea(const FruInfoTexts& t) {
     Bytes a{0x01, 0x00, 0x00};  // version, length, English
-    appendField(a, "Example Systems");
-    appendField(a, "QEL Test Server");
-    appendField(a, "QEL-SV-0001");
-    appendField(a, "1.0");
-    appendField(a, "SV0000042");
-    appendField(a, "");  // asset tag
+    appendField(a, t.productManufacturer);
+    appendField(a, t.productName);
+    appendField(a, t.productPartNumber);
+    appendField(a, t.productVersion);
+    appendField(a, t.productSerial);
+    appendField(a, t.productAssetTag);
     appendField(a, "");  // FRU file id
     closeInfoArea(a);
     return a;
@@ -323,6 +353,11 @@ PniImageBuilder& PniImageBuilder::infoAreas(bool present) {
     return *this;
 }
 
+PniImageBuilder& PniImageBuilder::infoTexts(FruInfoTexts texts) {
+    texts_ = std::move(texts);
+    return *this;
+}
+
 PniImageBuilder& PniImageBuilder::announcedAdapters(unsigned char count) {
     announced_ = count;
     return *this;
@@ -339,7 +374,7 @@ PniImage PniImageBuilder::build() const {
     PniLayout& layout = out.layout;
     image.assign(commonHeaderSize, 0x00);
     if (infoAreas_) {
-        const Bytes areas[] = {chassisArea(), boardArea(), productArea()};
+        const Bytes areas[] = {chassisArea(texts_), boardArea(texts_), productArea(texts_)};
         unsigned short* offsets[] = {&layout.chassisArea, &layout.boardArea, &layout.productArea};
         for (int i = 0; i < 3; ++i) {
             *offsets[i] = static_cast<unsigned short>(image.size());

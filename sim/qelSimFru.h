@@ -13,6 +13,9 @@
 //   and reports that count. Fewer than 3 request bytes: 0xC7.
 // - Get FRU Inventory Area Info (0x0A/0x10), which ipmitool asks first:
 //   device id -> 0, size (LSB first), 0 (byte access).
+// - Other FRU devices (the controller's own FRU 0, say) can sit beside it:
+//   the three FRU commands answer them alike, PNI locate never names them,
+//   and the PNI device's id wins when both have the same one.
 // - PNI locate (0x34/0x40, data FF FF) -> 0, device id, capacity (LSB first).
 //   With an image installed it answers 0 and the image size as capacity;
 //   without one 0xC1, as a controller without PNI does. Both can be set.
@@ -37,6 +40,7 @@
 
 #include <array>
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,6 +60,10 @@ public:
     Bytes image() const;
     void setDeviceId(unsigned char id);
     unsigned char deviceId() const;
+    // Another FRU device with its image; an empty image removes it. Faults
+    // and counts apply to its requests too.
+    void setOtherDevice(unsigned char id, Bytes image);
+    Bytes otherDevice(unsigned char id) const;  // empty when there is none
 
     // ---- PNI locate
     // Unset: 0 with an image, 0xC1 without.
@@ -89,8 +97,12 @@ private:
         unsigned char code;
     };
 
+    // The image of device `id` (the PNI one or another), or nullptr.
+    Bytes* deviceImage(unsigned char id);
+
     SimBmc& bmc_;
     Bytes image_;
+    std::map<unsigned char, Bytes> others_;
     unsigned char deviceId_ = defaultDeviceId;
     std::optional<unsigned char> locateCode_;
     std::optional<unsigned short> locateCapacity_;
@@ -182,6 +194,24 @@ struct PniImage {
     PniLayout layout;
 };
 
+// The texts of the chassis, board and product info areas (8-bit ASCII, 0 or
+// 2 to 63 bytes each: a 1-byte field's type/length byte would be C1, the
+// end-of-fields mark).
+struct FruInfoTexts {
+    std::string chassisPartNumber = "QEL-CH-0001";
+    std::string chassisSerial = "CH0000042";
+    std::string boardManufacturer = "Example Systems";
+    std::string boardProduct = "QEL Test Board";
+    std::string boardSerial = "BD0000042";
+    std::string boardPartNumber = "QEL-BD-0001";
+    std::string productManufacturer = "Example Systems";
+    std::string productName = "QEL Test Server";
+    std::string productPartNumber = "QEL-SV-0001";
+    std::string productVersion = "1.0";
+    std::string productSerial = "SV0000042";
+    std::string productAssetTag;
+};
+
 class PniImageBuilder {
 public:
     // Version 12, a FRU of 2048 bytes, info areas, no adapters.
@@ -196,6 +226,10 @@ public:
     PniImageBuilder& fruSize(std::size_t size);
     // Chassis, board and product info areas before the internal use area.
     PniImageBuilder& infoAreas(bool present);
+    // Their texts; build() throws std::length_error for one of 1 or above 63
+    // bytes.
+    PniImageBuilder& infoTexts(FruInfoTexts texts);
+    const FruInfoTexts& infoTexts() const { return texts_; }
     // The area header's adapter count; unset: the number of adapters.
     PniImageBuilder& announcedAdapters(unsigned char count);
     PniImageBuilder& adapter(PniAdapterSpec adapter);
@@ -207,6 +241,7 @@ private:
     unsigned char version_ = 12;
     std::size_t fruSize_ = 2048;
     bool infoAreas_ = true;
+    FruInfoTexts texts_;
     std::optional<unsigned char> announced_;
     std::vector<PniAdapterSpec> adapters_;
 };
@@ -219,6 +254,16 @@ std::optional<PniLayout> readPniLayout(const Bytes& image, std::string* problem 
 // record header), for tests that change a byte on purpose and want only the
 // change to count. Does nothing where it cannot find its way.
 void resealPniImage(Bytes& image);
+
+// Description keywords of the FRU device (qelSimFruDescription.cpp); the FRU
+// command group registers them:
+//   fru-image FILE|none   the device's image is FILE's bytes (binary, 1 to
+//                         65535 bytes), or the device holds none
+//   fru-device-id N       the device id (decimal, 0-255) that Read/Write FRU
+//                         Data, Get FRU Inventory Area Info and PNI locate use
+//   fru-other N FILE|none another FRU device, id N, with FILE's bytes, or
+//                         none (the controller's own FRU 0, for example)
+void registerFruKeywords(SimBmc& bmc);
 
 }  // namespace qelSim
 
