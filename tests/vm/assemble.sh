@@ -122,11 +122,16 @@ done
 deb_of "$kernel_pkg"
 kdeb=$deb
 ktree=$(tree_of "$kernel_pkg")
-if [ ! -e "$ktree/.done" ]; then
+# The guest's modules: the IPMI driver, and dummy for network interfaces
+# whose addresses the agent publishes.
+guest_modules=(ipmi_msghandler ipmi_si ipmi_devintf dummy)
+kpatterns=('./boot/vmlinuz-*' './lib/modules/*/kernel/drivers/char/ipmi/*'
+  './lib/modules/*/kernel/drivers/net/dummy.ko')
+if [ "$(cat "$ktree/.done" 2>/dev/null)" != "${kpatterns[*]}" ]; then
   rm -rf "$ktree"; mkdir -p "$ktree"
-  dpkg-deb --fsys-tarfile "$kdeb" | tar -x -C "$ktree" --wildcards \
-    './boot/vmlinuz-*' './lib/modules/*/kernel/drivers/char/ipmi/*' || die "cannot unpack $kdeb"
-  touch "$ktree/.done"
+  dpkg-deb --fsys-tarfile "$kdeb" | tar -x -C "$ktree" --wildcards "${kpatterns[@]}" \
+    || die "cannot unpack $kdeb"
+  echo "${kpatterns[*]}" > "$ktree/.done"
 fi
 vmlinuz=$(cd "$ktree" && ls ./boot/vmlinuz-* | head -1)
 [ -n "$vmlinuz" ] || die "no kernel image in $kdeb"
@@ -161,7 +166,7 @@ place() {
   placed[$name]=$path
   order+=("$name")
 }
-for m in ipmi_msghandler ipmi_si ipmi_devintf; do place "$m"; done
+for m in "${guest_modules[@]}"; do place "$m"; done
 for m in "${order[@]}"; do
   case ${placed[$m]} in *.xz) die "compressed module ${placed[$m]}: busybox insmod cannot load it" ;; esac
 done

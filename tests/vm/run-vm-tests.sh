@@ -15,7 +15,7 @@
 #                  simulator's traffic and state afterwards
 #
 #   run-vm-tests.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]
-#                   [--bmcsim QEL-BMCSIM]
+#                   [--bmcsim QEL-BMCSIM] [--iana N]
 #
 # Every boot is bounded by a host-side timeout, all boots together by
 # $QEL_VM_BUDGET seconds (default 300). A VM that cannot start fails the run
@@ -24,7 +24,7 @@
 set -uo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-out= probe= lib= qeld= bmcsim=
+out= probe= lib= qeld= bmcsim= iana=32473
 while (($#)); do
   case $1 in
     --out) out=$2; shift 2 ;;
@@ -32,6 +32,7 @@ while (($#)); do
     --lib) lib=$2; shift 2 ;;
     --qeld) qeld=$2; shift 2 ;;
     --bmcsim) bmcsim=$2; shift 2 ;;
+    --iana) iana=$2; shift 2 ;;
     *) echo "run-vm-tests.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -113,7 +114,7 @@ boot() {
     -display none -monitor none -nic none
     "${bmcdev[@]}" -device isa-ipmi-kcs,bmc=bmc0
     -kernel "$out/kernel" -initrd "$out/initrd.img"
-    -append "console=ttyS0 panic=-1 quiet qel.test=$name"
+    -append "console=ttyS0 panic=-1 quiet qel.test=$name qel.iana=$iana qel.agent=$bmcsim_agent"
     -serial "file:$dir/console.log" -serial "file:$dir/test.raw" "${args[@]}")
   # A guest that should not reboot makes QEMU exit when it tries.
   [ "$boots" -eq 1 ] && cmd+=(-no-reboot)
@@ -176,11 +177,25 @@ boot() {
 
 # ---------------------------------------------------------------- qel-bmcsim
 bmcsim_port=
+bmcsim_agent=0
 # Starts qel-bmcsim for a boot: its control socket in DIR, QEMU's port on
 # the loopback interface (a free one is searched).
 start_bmcsim() {
   local dir=$1 try
   echo "deviceid $BMCSIM_DEVICE_ID" > "$dir/bmcsim.conf"
+  # The agent's controller: a blade with its management board, the NIC
+  # ports in the PNI FRU, the software watchdog in the configuration space.
+  bmcsim_agent=0
+  if [ -n "$qeld" ] && "$bmcsim" --keywords | grep -q '^soft-watchdog ' \
+     && "$bmcsim" --keywords | grep -q '^nic-ports '; then
+    bmcsim_agent=1
+    {
+      echo "board extended"
+      echo "board-slot 3"
+      echo "nic-ports $BMCSIM_NIC1 $BMCSIM_NIC2"
+      echo "soft-watchdog on $BMCSIM_SOFT_WATCHDOG"
+    } >> "$dir/bmcsim.conf"
+  fi
   for try in 1 2 3 4 5 6 7 8; do
     bmcsim_port=$((20000 + (RANDOM * 7 + $$ + try * 811) % 40000))
     if "$bmcsim" --socket "$dir/bmc.sock" --pidfile "$dir/bmc.pid" --config "$dir/bmcsim.conf" \
@@ -212,6 +227,25 @@ check_bmcsim() {
   grep -q '^commands-sent 04$' "$dir/bmcsim.dump" || why+=("the simulator did not send one reset to QEMU")
   grep -q '^protocol-version 1$' "$dir/bmcsim.dump" || why+=("QEMU did not announce protocol version 1")
   grep -q '^dropped-frames 0$' "$dir/bmcsim.dump" || why+=("frames were dropped")
+  if [ "$bmcsim_agent" = 1 ]; then
+    # The agent's work as the controller saw it: the watchdog programmed
+    # from the configuration space (300 s, no action), the interface's
+    # addresses in the configuration space and in the PNI record of its MAC,
+    # and the agent's connection status "disconnected" after SIGTERM.
+    local wdset
+    wdset=$(printf 'netfn 06 cmd 24 data 04 00 00 10 %02x %02x' $((BMCSIM_SOFT_WATCHDOG * 10 & 255)) \
+      $((BMCSIM_SOFT_WATCHDOG * 10 >> 8)))
+    grep -q "$wdset\$" "$dir/bmcsim.requests" || why+=("the agent's Set Watchdog Timer '$wdset' not recorded")
+    grep -q "^address-1 $BMCSIM_IPV4 " "$dir/bmcsim.dump" || why+=("configuration-space address 1 is not $BMCSIM_IPV4")
+    grep -q "nic $BMCSIM_NIC1 ipv4 $BMCSIM_IPV4 ipv6 $BMCSIM_IPV6" "$dir/bmcsim.dump" \
+      || why+=("the PNI record of $BMCSIM_NIC1 does not carry $BMCSIM_IPV4 and $BMCSIM_IPV6")
+    grep -q '^agent-connection 2 ' "$dir/bmcsim.dump" || why+=("the agent connection status is not 2")
+    echo "[$name] simulator: $(sed -n 's/^address-1 //p' "$dir/bmcsim.dump"); $(grep " nic $BMCSIM_NIC1 " "$dir/bmcsim.dump")"
+  elif [ -z "$qeld" ]; then
+    echo "[$name] NOT RUN: the agent against the simulator (no qeld target in the build)"
+  else
+    echo "[$name] NOT RUN: the agent against the simulator (qel-bmcsim lacks the soft-watchdog/nic-ports keywords)"
+  fi
   echo "[$name] simulator: $(grep -c . "$dir/bmcsim.requests") requests recorded;" \
     "$(sed -n 's/^connections //p' "$dir/bmcsim.dump") connection(s) from QEMU;" \
     "commands sent: $(sed -n 's/^commands-sent *//p' "$dir/bmcsim.dump")"

@@ -59,3 +59,24 @@ BMCSIM_FIRMWARE_VERSION="2.15.01020341"
 BMCSIM_FIRMWARE_REVISION="0x0215"
 # The hard-reset watchdog left alone in the first boot: 5 s.
 BMCSIM_COUNTDOWN=50
+# The agent against the simulator: a blade (one enclosure, serials differ;
+# not of the ALDERCROFT line, so the identity asks the controller) whose two
+# NIC ports are the guest's dummy interface and one more, a configuration
+# space with the software watchdog at 300 s. The agent publishes the
+# interface's addresses into the configuration space and the PNI records.
+BMCSIM_SYS_MANUFACTURER="Qel Blade Works"
+BMCSIM_SYS_PRODUCT="BX 924 blade"
+BMCSIM_SYS_VERSION="S5"
+BMCSIM_SYS_SERIAL="SN-BLADE-0024"
+BMCSIM_SYS_SKU="SKU-B4"
+BMCSIM_SYS_FAMILY="PRIMEDGE"
+BMCSIM_CHASSIS_MANUFACTURER="Qel Blade Chassis"
+BMCSIM_CHASSIS_VERSION="BX900 S3"
+BMCSIM_CHASSIS_SERIAL="SN-CHASSIS-0200"
+BMCSIM_CHASSIS_ASSET="ASSET-BX"
+BMCSIM_NIC1="02:00:00:00:0a:01"
+BMCSIM_NIC2="02:00:00:00:0a:02"
+BMCSIM_IPV4="192.0.2.10"
+BMCSIM_IPV4_HEX="c0 00 02 0a"
+BMCSIM_IPV6="2001:db8::10"
+BMCSIM_SOFT_WATCHDOG=300

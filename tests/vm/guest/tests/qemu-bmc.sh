@@ -114,7 +114,8 @@ if command -v qeld >/dev/null; then
   first=$(ipmi_wd 'Present Countdown' | tenths)
   check "while the daemon runs: the countdown runs ($first)" between "$first" 1 1199
   kill -TERM "$pid"
-  check "SIGTERM ends the daemon" wait_until 150 sh -c "! kill -0 $pid"
+  daemon_gone() { ! kill -0 "$pid"; }
+  check "SIGTERM ends the daemon" wait_until 150 daemon_gone
   check "the pid file is gone" sh -c "! test -e /var/run/qeld.pid"
   check "the daemon logs the termination signal" grep -q 'Termination signal received' /tmp/messages
   first=$(ipmi_wd 'Present Countdown' | tenths)
