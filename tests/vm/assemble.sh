@@ -40,7 +40,7 @@ t0=$(now)
 # ipmitool, dmidecode and strace are on the host for their shared libraries:
 # the guest gets the binaries from the downloaded packages and the libraries
 # that ldd finds for them here.
-host_packages=(cpio gzip qemu-system-x86 ipmitool dmidecode strace)
+host_packages=(cpio gzip xz-utils binutils qemu-system-x86 ipmitool dmidecode strace)
 missing=()
 for p in "${host_packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

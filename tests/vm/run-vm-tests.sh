@@ -65,8 +65,9 @@ cat "$out/assemble.log"
 note "assemble: $(since "$t") s in all"
 
 qemu=$(command -v qemu-system-x86_64) || fatal "qemu-system-x86_64 is not installed"
-"$qemu" -device help 2>/dev/null | grep -q '"ipmi-bmc-sim"' \
-  || fatal "$qemu has no ipmi-bmc-sim device"
+devices=$("$qemu" -device help 2>&1) \
+  || fatal "$qemu does not run: $(head -c 300 <<<"$devices")"
+grep -q '"ipmi-bmc-sim"' <<<"$devices" || fatal "$qemu has no ipmi-bmc-sim device"
 
 # ---------------------------------------------------------------- boots
 budget=${QEL_VM_BUDGET:-300}
@@ -178,10 +179,14 @@ boot() {
 # ---------------------------------------------------------------- qel-bmcsim
 bmcsim_port=
 bmcsim_agent=0
+bmcsim_dir=
+# A simulator left behind by an interrupted run would hold its port.
+trap '[ -n "$bmcsim_dir" ] && stop_bmcsim "$bmcsim_dir"' EXIT
 # Starts qel-bmcsim for a boot: its control socket in DIR, QEMU's port on
 # the loopback interface (a free one is searched).
 start_bmcsim() {
   local dir=$1 try
+  bmcsim_dir=$dir
   echo "deviceid $BMCSIM_DEVICE_ID" > "$dir/bmcsim.conf"
   # The agent's controller: a blade with its management board, the NIC
   # ports in the PNI FRU, the software watchdog in the configuration space.
@@ -209,8 +214,11 @@ start_bmcsim() {
 }
 stop_bmcsim() {
   local dir=$1
+  bmcsim_dir=
+  [ -e "$dir/bmc.sock" ] || return 0
   "$bmcsim" --socket "$dir/bmc.sock" ctl shutdown >/dev/null 2>&1 \
     || { [ -s "$dir/bmc.pid" ] && kill "$(cat "$dir/bmc.pid")" 2>/dev/null; }
+  return 0
 }
 # What the simulator recorded: the library's own watchdog bytes arrived
 # unchanged through the kernel's driver, the watchdog ran out once, and the
