@@ -72,6 +72,11 @@ std::vector<Frame> Decoder::feed(const unsigned char* data, std::size_t count) {
 namespace {
 // Request frame: msgid, netfn/lun, cmd, checksum at the least.
 constexpr std::size_t minimumRequest = 4;
+// Set BMC Global Enables (IPMI 2.0, 22.1) and its receive message queue
+// interrupt bit.
+constexpr unsigned char setGlobalEnablesNetFn = 0x06;
+constexpr unsigned char setGlobalEnablesCmd = 0x2E;
+constexpr unsigned char receiveQueueInterruptBit = 0x01;
 }  // namespace
 
 ExternSession::ExternSession(SimBmc& bmc, std::shared_ptr<ExternStats> stats)
@@ -150,6 +155,15 @@ Bytes ExternSession::answer(const Bytes& frame) {
     Bytes out;
     for (const PendingMessage& m : queue.takeAll()) {
         if (m.recvType != IPMI_RESPONSE_RECV_TYPE) continue;  // the KCS has no place for them
+        // The interface's interrupt follows the receive-message-queue bit of
+        // the BMC global enables, once the controller took them: QEMU raises
+        // it only when told to, and without it the guest's driver polls.
+        if (r.netFn == setGlobalEnablesNetFn && r.cmd == setGlobalEnablesCmd && !r.data.empty() &&
+            !m.data.empty() && m.data[0] == 0x00) {
+            Bytes c = command((r.data[0] & receiveQueueInterruptBit) ? externWire::cmdEnableIrq
+                                                                     : externWire::cmdDisableIrq);
+            out.insert(out.end(), c.begin(), c.end());
+        }
         Bytes payload{static_cast<unsigned char>(m.msgId & 0xFF),
                       static_cast<unsigned char>((m.netFn << 2) | (m.lun & 0x03)), m.cmd};
         payload.insert(payload.end(), m.data.begin(), m.data.end());

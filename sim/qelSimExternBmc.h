@@ -18,7 +18,9 @@
 //     power off, 0x07 NMI, and so on.
 //
 // Requests are recorded and answered exactly like those of the device
-// (exchange() in qelSimDevice.h), faults included. With a machine attached
+// (exchange() in qelSimDevice.h), faults included. When the controller takes
+// a Set BMC Global Enables, its receive-message-queue interrupt bit turns
+// the interface's interrupt on or off (0x05 / 0x06 to QEMU). With a machine attached
 // the controller's clock follows the wall clock, so the watchdog counts down
 // in real time; when it runs out, its time-out action becomes the machine
 // operation QEMU offers for it (hard reset and power cycle: reset; power

@@ -210,6 +210,27 @@ TEST(SimExternSession, EventsFromBeforeTheConnectionAreNotReplayed) {
     EXPECT_TRUE(second.clockMoved().empty());
 }
 
+TEST(SimExternSession, GlobalEnablesTakenByTheControllerSwitchTheInterruptOnAndOff) {
+    SimBmc bmc;
+    ExternSession s(bmc);
+    // Without a handler the controller refuses them: nothing is switched.
+    auto frames = decodeAll(send(s, requestFrame(1, 0x06, 0x2E, {0x0D})));
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].bytes[3], 0xC1);
+    EXPECT_TRUE(s.sentCommands().empty());
+
+    bmc.setHandler(0x06, 0x2E, [](const qelSim::Request&) { return qelSim::Response{0x00}; });
+    frames = decodeAll(send(s, requestFrame(2, 0x06, 0x2E, {0x0D})));
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_TRUE(frames[0].command);
+    EXPECT_EQ(frames[0].bytes, (Bytes{0x05}));
+    EXPECT_FALSE(frames[1].command);
+    frames = decodeAll(send(s, requestFrame(3, 0x06, 0x2E, {0x0C})));
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].bytes, (Bytes{0x06}));
+    EXPECT_THAT(s.sentCommands(), ::testing::ElementsAre(0x05, 0x06));
+}
+
 // ---------------------------------------------------------------- listener
 
 TEST(SimExternBmcListener, ServesAConnectionAndShowsItInTheDump) {
