@@ -10,10 +10,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ipmiTestSupport.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimDevice.h"
 
+using ipmiTest::responseOf;
+using ipmiTest::thrownBy;
 using qelIpmi::QelIpmi;
 using qelIpmi::QelIpmi_request_msg;
 using qelIpmi::QelIpmiError;
@@ -24,23 +27,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-Bytes responseOf(const QelIpmi_request_msg& msg) {
-    if (msg.responseData == nullptr) return {};
-    return Bytes(msg.responseData, msg.responseData + msg.responseLength);
-}
-
-// Runs `body` and returns the QelIpmiError it throws; fails if none comes.
-template <typename F>
-QelIpmiError thrownBy(F body) {
-    try {
-        body();
-    } catch (QelIpmiError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no QelIpmiError was thrown";
-    return QelIpmiError("none", "none", 0);
-}
 
 class Transport : public testing::Test {
 protected:

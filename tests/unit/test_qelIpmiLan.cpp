@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ipmiTestSupport.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimDevice.h"
@@ -539,8 +540,7 @@ Bytes exchange(unsigned char netFn, unsigned char command, Bytes data) {
     QelIpmi_request_msg msg(netFn, command, static_cast<unsigned short>(data.size()),
                             data.data());
     EXPECT_TRUE(ipmi.sendCmd(msg));
-    if (msg.responseData == nullptr) return {};
-    return Bytes(msg.responseData, msg.responseData + msg.responseLength);
+    return ipmiTest::responseOf(msg);
 }
 }  // namespace
 
