@@ -9,9 +9,6 @@
 //
 // Also the FRU description keywords (fru-image, fru-device-id, fru-other)
 // that load images into a controller, and the builder's info area texts.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,9 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <list>
 #include <map>
 #include <memory>
@@ -37,12 +32,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "bmcsimProcess.h"
 #include "pniTestSupport.h"
 #include "qelSimDescription.h"
 #include "qelSimSocket.h"
 
-extern char** environ;
-
+using bmcsimTest::BmcSim;
+using bmcsimTest::readFile;
+using bmcsimTest::runTool;
+using bmcsimTest::TempDir;
+using bmcsimTest::ToolRun;
 using qelSim::Bytes;
 using qelSim::FruInfoTexts;
 using qelSim::PniImage;
@@ -56,40 +55,12 @@ using Fields = std::map<std::string, std::string>;
 
 // ---------------------------------------------------------------- processes
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 void writeFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
 }
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
-
-// The exit status, or 128 + the signal that ended the process.
-int waitExit(pid_t pid) {
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Reads everything from `fd` until the writers close it.
-std::string drain(int fd) {
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof buffer)) != 0) {
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    return text;
-}
 
 // The full path of a program in $PATH or the system directories (ipmi-fru
 // lives in /usr/sbin, which a user's PATH may lack); "" when there is none.
@@ -103,128 +74,6 @@ std::string programPath(const std::string& name) {
         if (::access(path.c_str(), X_OK) == 0) return path;
     }
     return "";
-}
-
-// A directory of its own for one test, removed afterwards. Short, since a
-// socket path must fit in 108 bytes.
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/qelfruXXXXXX";
-        path_ = ::mkdtemp(name) ? name : "";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    bool ok() const { return !path_.empty(); }
-    std::string operator/(const std::string& file) const { return path_ + "/" + file; }
-
-private:
-    std::string path_;
-};
-
-// One qel-bmcsim process with `config`, waited for through its ready
-// descriptor (no sleeping); ended with SIGTERM on destruction.
-class BmcSim {
-public:
-    BmcSim(const TempDir& dir, const std::string& config)
-        : socket_(dir / "bmc.sock"), stderr_(dir / "bmcsim.err") {
-        int ready[2];
-        if (::pipe2(ready, O_CLOEXEC) < 0) return;
-        std::vector<std::string> argv = {QEL_BMCSIM_PATH, "--socket", socket_, "--config", config,
-                                         "--ready-fd", "3"};
-        std::vector<char*> args;
-        for (std::string& a : argv) args.push_back(&a[0]);
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, stderr_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
-        if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ready[1]);
-        ready_ = pid_ > 0 && drain(ready[0]) == "ready\n";
-        ::close(ready[0]);
-    }
-    ~BmcSim() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            waitExit(pid_);
-        }
-    }
-    BmcSim(const BmcSim&) = delete;
-    BmcSim& operator=(const BmcSim&) = delete;
-
-    bool ready() const { return ready_; }
-    const std::string& socket() const { return socket_; }
-    std::string errors() const { return readFile(stderr_); }
-
-private:
-    std::string socket_;
-    std::string stderr_;
-    pid_t pid_ = -1;
-    bool ready_ = false;
-};
-
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-    std::string command;
-};
-
-// Runs an uninstrumented tool. With `socket`, the preload library stands in
-// for /dev/ipmi0 and serves the controller behind `socket`. TZ is UTC so the
-// board's manufacturing date prints the same everywhere.
-ToolRun runTool(const TempDir& dir, const std::string& program, std::vector<std::string> args,
-                const std::string& socket = "") {
-    ToolRun run;
-    run.command = program;
-    for (const std::string& a : args) run.command += " " + a;
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry = *e;
-        if (entry.rfind("LD_PRELOAD=", 0) != 0 && entry.rfind("QEL_BMCSIM_SOCKET=", 0) != 0 &&
-            entry.rfind("TZ=", 0) != 0)
-            env.push_back(entry);
-    }
-    env.push_back("TZ=UTC");
-    if (!socket.empty()) {
-        env.push_back("QEL_BMCSIM_SOCKET=" + socket);
-        env.push_back(std::string("LD_PRELOAD=") + QEL_PRELOAD_PATH);
-    }
-    std::vector<char*> envp;
-    for (std::string& e : env) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    args.insert(args.begin(), program);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) < 0) return run;
-    const std::string errPath = dir / "tool.err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (rc != 0) {
-        ::close(out[0]);
-        run.err = program + " cannot be started: " + std::strerror(rc);
-        return run;
-    }
-    run.out = drain(out[0]);
-    ::close(out[0]);
-    run.status = waitExit(pid);
-    run.err = readFile(errPath);
-    return run;
 }
 
 std::string lower(std::string text) {
@@ -411,7 +260,7 @@ protected:
                << "fru-image " << save("pni.bin", pni.image.bytes) << "\n"
                << "fru-other " << int(own.id) << " " << save("own.bin", own.image.bytes) << "\n";
         writeFile(dir / "bmc.conf", config.str());
-        sim = std::make_unique<BmcSim>(dir, dir / "bmc.conf");
+        sim = std::make_unique<BmcSim>(dir, std::vector<std::string>{"--config", dir / "bmc.conf"});
         ASSERT_TRUE(sim->ready()) << "qel-bmcsim did not get ready: " << sim->errors();
         device = std::make_unique<qelSim::ScopedSocketDevice>(sim->socket());
     }

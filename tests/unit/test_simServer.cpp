@@ -5,26 +5,26 @@
 #include <fcntl.h>
 #include <linux/ipmi.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "bmcsimProcess.h"
+#include "ipmiTestSupport.h"
 #include "qelAddress.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
@@ -32,8 +32,16 @@
 #include "qelSimDescription.h"
 #include "qelSimSocket.h"
 
-extern char** environ;
-
+using bmcsimTest::BmcSim;
+using bmcsimTest::drain;
+using bmcsimTest::readFile;
+using bmcsimTest::runTool;
+using bmcsimTest::spawn;
+using bmcsimTest::TempDir;
+using bmcsimTest::ToolRun;
+using bmcsimTest::waitExit;
+using ipmiTest::responseOf;
+using ipmiTest::thrownBy;
 using qelIpmi::QelIpmi;
 using qelIpmi::QelIpmi_request_msg;
 using qelIpmi::QelIpmiError;
@@ -45,134 +53,10 @@ using testing::StartsWith;
 
 namespace {
 
-Bytes responseOf(const QelIpmi_request_msg& msg) {
-    if (msg.responseData == nullptr) return {};
-    return Bytes(msg.responseData, msg.responseData + msg.responseLength);
-}
-
-template <typename F>
-QelIpmiError thrownBy(F body) {
-    try {
-        body();
-    } catch (QelIpmiError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no QelIpmiError was thrown";
-    return QelIpmiError("none", "none", 0);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 bool exists(const std::string& path) {
     struct stat st;
     return ::lstat(path.c_str(), &st) == 0;
 }
-
-// The exit status, or 128 + the signal that ended the process.
-int waitExit(pid_t pid) {
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Starts `argv` with standard error into `stderrPath`, standard output into
-// `stdoutFd` (or inherited) and `readyFd` as descriptor 3 (or none).
-pid_t spawn(const std::vector<std::string>& argv, const std::string& stderrPath, int stdoutFd = -1,
-            int readyFd = -1) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (stdoutFd >= 0) posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
-    if (readyFd >= 0) posix_spawn_file_actions_adddup2(&actions, readyFd, 3);
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
-}
-
-// Reads everything from `fd` until the writers close it.
-std::string drain(int fd) {
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buffer, sizeof buffer)) != 0) {
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    return text;
-}
-
-// A directory of its own for one test, removed afterwards. Short, since a
-// socket path must fit in 108 bytes.
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/qelsrvXXXXXX";
-        path_ = ::mkdtemp(name) ? name : "";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::string operator/(const std::string& file) const { return path_ + "/" + file; }
-
-private:
-    std::string path_;
-};
-
-// One qel-bmcsim process on a socket in `dir`, waited for through its ready
-// descriptor (no sleeping); ended with SIGTERM at the latest on destruction.
-class BmcSim {
-public:
-    explicit BmcSim(const TempDir& dir, std::vector<std::string> extra = {},
-                    const std::string& socketName = "bmc.sock")
-        : socket_(dir / socketName), stderr_(dir / (socketName + ".err")) {
-        int ready[2];
-        if (::pipe2(ready, O_CLOEXEC) < 0) return;
-        std::vector<std::string> argv = {QEL_BMCSIM_PATH, "--socket", socket_, "--ready-fd", "3"};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        pid_ = spawn(argv, stderr_, -1, ready[1]);
-        ::close(ready[1]);
-        ready_ = pid_ > 0 && drain(ready[0]) == "ready\n";
-        ::close(ready[0]);
-    }
-    ~BmcSim() {
-        if (pid_ > 0) stop(SIGTERM);
-    }
-    BmcSim(const BmcSim&) = delete;
-    BmcSim& operator=(const BmcSim&) = delete;
-
-    bool ready() const { return ready_; }
-    const std::string& socket() const { return socket_; }
-    pid_t pid() const { return pid_; }
-    std::string errors() const { return readFile(stderr_); }
-    // Sends `signal` (none for 0) and waits: the exit status.
-    int stop(int signal) {
-        if (pid_ <= 0) return -1;
-        if (signal != 0) ::kill(pid_, signal);
-        int status = waitExit(pid_);
-        pid_ = -1;
-        return status;
-    }
-
-private:
-    std::string socket_;
-    std::string stderr_;
-    pid_t pid_ = -1;
-    bool ready_ = false;
-};
 
 std::string dumpValue(const std::string& dump, const std::string& key) {
     std::istringstream in(dump);
@@ -181,54 +65,12 @@ std::string dumpValue(const std::string& dump, const std::string& key) {
     return "<no " + key + ">";
 }
 
-// ipmitool, an IPMI decoder written by others, on the controller through the
-// stand-in /dev/ipmi0 (the preload library, never instrumented, so this also
-// runs in sanitizer builds).
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
+// ipmitool, an IPMI decoder written by others, on the controller behind
+// `socket` through the stand-in /dev/ipmi0.
 ToolRun ipmitool(const std::string& socket, const TempDir& dir, std::vector<std::string> args) {
-    ToolRun run;
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string entry = *e;
-        if (entry.rfind("LD_PRELOAD=", 0) != 0 && entry.rfind("QEL_BMCSIM_SOCKET=", 0) != 0)
-            env.push_back(entry);
-    }
-    env.push_back("QEL_BMCSIM_SOCKET=" + socket);
-    env.push_back(std::string("LD_PRELOAD=") + QEL_PRELOAD_PATH);
-    std::vector<char*> envp;
-    for (std::string& e : env) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    args.insert(args.begin(), {"ipmitool", "-I", "open"});
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) < 0) return run;
-    std::string errPath = dir / "ipmitool.err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, "ipmitool", &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (rc != 0) {
-        ::close(out[0]);
-        run.err = "ipmitool cannot be started (" + std::string(std::strerror(rc)) +
-                  "); scripts/install-deps.sh installs it (Debian package ipmitool)";
-        return run;
-    }
-    run.out = drain(out[0]);
-    ::close(out[0]);
-    run.status = waitExit(pid);
-    run.err = readFile(errPath);
+    args.insert(args.begin(), {"-I", "open"});
+    ToolRun run = runTool(dir, "ipmitool", std::move(args), socket);
+    if (run.status < 0) run.err += "; scripts/install-deps.sh installs it (Debian package ipmitool)";
     return run;
 }
 
