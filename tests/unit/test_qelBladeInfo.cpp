@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "boardTestSupport.h"
 #include "qelBladeInfo.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
@@ -36,10 +37,12 @@ namespace cc = qelIpmi::cc;
 
 namespace {
 
-const SimBoard::Mac mac1{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-const SimBoard::Mac mac2{0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
-const SimBoard::Mac mac3{0x02, 0x00, 0x00, 0x00, 0x00, 0x03};
-const SimBoard::Mac mac4{0x02, 0x00, 0x00, 0x00, 0x00, 0x04};
+using boardTest::bytesOf;
+using boardTest::cat;
+using boardTest::mac1;
+using boardTest::mac2;
+using boardTest::mac3;
+using boardTest::mac4;
 
 MacAddress macAddress(const SimBoard::Mac& m) {
     MacAddress a;
@@ -47,16 +50,11 @@ MacAddress macAddress(const SimBoard::Mac& m) {
     return a;
 }
 Bytes bytesOf(const MacAddress& m) { return Bytes(std::begin(m.bytes), std::end(m.bytes)); }
-Bytes bytesOf(const SimBoard::Mac& m) { return Bytes(m.begin(), m.end()); }
 Bytes bytesOf(const IPv4Address& a) { return Bytes(std::begin(a.octets), std::end(a.octets)); }
 Bytes networkBytes(const IPv6Address& a) {
     Bytes out;
     for (int i = 15; i >= 0; --i) out.push_back(a.reversedBytes[i]);
     return out;
-}
-Bytes cat(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
 }
 Bytes text(const std::string& s) { return Bytes(s.begin(), s.end()); }
 

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "boardTestSupport.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimBoard.h"
@@ -28,15 +29,11 @@ namespace cc = qelIpmi::cc;
 
 namespace {
 
-const SimBoard::Mac mac1{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
-const SimBoard::Mac mac2{0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
-const SimBoard::Mac mac4{0x02, 0x00, 0x00, 0x00, 0x00, 0x04};
-
-Bytes cat(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-Bytes bytesOf(const SimBoard::Mac& m) { return Bytes(m.begin(), m.end()); }
+using boardTest::bytesOf;
+using boardTest::cat;
+using boardTest::mac1;
+using boardTest::mac2;
+using boardTest::mac4;
 
 class Board : public testing::Test {
 protected:
