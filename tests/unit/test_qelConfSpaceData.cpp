@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "confSpaceTestSupport.h"
 #include "qelConfSpaceData.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
@@ -24,23 +25,15 @@ using testing::ElementsAreArray;
 
 namespace {
 
-constexpr unsigned char iana0 = 0xD9, iana1 = 0x7E, iana2 = 0x00;
+using confSpaceTest::iana0;
+using confSpaceTest::iana1;
+using confSpaceTest::iana2;
+using confSpaceTest::readRequest;
+using confSpaceTest::textBytes;
+using confSpaceTest::writeRequest;
+
 constexpr unsigned char oem = 0x2E, confCmd = 0xE0, agentCmd = 0x02;
 const std::string unknown = "- unknown -";
-
-Bytes readRequest(std::uint16_t id) {
-    return {iana0, iana1, iana2, 0x01, 0x00, static_cast<unsigned char>(id & 0xFF),
-            static_cast<unsigned char>(id >> 8)};
-}
-
-Bytes writeRequest(std::uint16_t id, const Bytes& value) {
-    Bytes out = {iana0, iana1, iana2, 0x02, 0x00, static_cast<unsigned char>(id & 0xFF),
-                 static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(value.size())};
-    out.insert(out.end(), value.begin(), value.end());
-    return out;
-}
-
-Bytes textBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 std::uint32_t variableOf(const Request& r) {
     return r.data.size() >= 7 ? (r.data[5] | (r.data[6] << 8)) : 0xFFFFFFFF;

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "confSpaceTestSupport.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimConfSpace.h"
@@ -20,27 +21,18 @@ using testing::ElementsAreArray;
 
 namespace {
 
-constexpr unsigned char iana0 = 0xD9, iana1 = 0x7E, iana2 = 0x00;
-
-Bytes readRequest(std::uint16_t id) {
-    return {iana0, iana1, iana2, 0x01, 0x00, static_cast<unsigned char>(id & 0xFF),
-            static_cast<unsigned char>(id >> 8)};
-}
-
-Bytes writeRequest(std::uint16_t id, const Bytes& value) {
-    Bytes out = {iana0, iana1, iana2, 0x02, 0x00, static_cast<unsigned char>(id & 0xFF),
-                 static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(value.size())};
-    out.insert(out.end(), value.begin(), value.end());
-    return out;
-}
+using confSpaceTest::iana0;
+using confSpaceTest::iana1;
+using confSpaceTest::iana2;
+using confSpaceTest::readRequest;
+using confSpaceTest::textBytes;
+using confSpaceTest::writeRequest;
 
 Bytes okReply(const Bytes& value) {
     Bytes out = {0x00, iana0, iana1, iana2, static_cast<unsigned char>(value.size())};
     out.insert(out.end(), value.begin(), value.end());
     return out;
 }
-
-Bytes textBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 class SimConfSpaceTest : public testing::Test {
 protected:
