@@ -15,13 +15,7 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_THREAD__)
-#define QEL_UNDER_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QEL_UNDER_TSAN 1
-#endif
-#endif
+#include "threadTestSupport.h"
 
 namespace {
 
@@ -32,20 +26,7 @@ const char* const noSharedLockSet = "QelAccessControlBase::freeSharedLock() : no
 const char* const doesNotHoldExclusive =
     "QelAccessControlBase::freeExclusiveLock() : Thread does not hold exclusive lock";
 
-// Reads the lock's state under its mutex until `pred` holds. The bound is only
-// there so that a broken lock fails the test instead of hanging it.
-template <class Pred>
-bool eventually(QelAccessControlBase& lock, Pred pred) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    for (;;) {
-        pthread_mutex_lock(&lock.mutex);
-        const bool holds = pred(lock);
-        pthread_mutex_unlock(&lock.mutex);
-        if (holds) return true;
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-}
+using threadTest::eventually;
 
 bool waitingReaders(QelAccessControlBase& lock, int n) {
     return eventually(lock, [n](QelAccessControlBase& l) { return l.waitingReaders == n; });

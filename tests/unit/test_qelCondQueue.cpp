@@ -14,30 +14,11 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_THREAD__)
-#define QEL_UNDER_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QEL_UNDER_TSAN 1
-#endif
-#endif
+#include "threadTestSupport.h"
 
 namespace {
 
-// Reads the queue's state under its mutex until `pred` holds. The bound is
-// only there so that a broken queue fails the test instead of hanging it.
-template <class Pred>
-bool eventually(QelCondQueue& queue, Pred pred) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    for (;;) {
-        pthread_mutex_lock(&queue.mutex);
-        const bool holds = pred(queue);
-        pthread_mutex_unlock(&queue.mutex);
-        if (holds) return true;
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-}
+using threadTest::eventually;
 
 template <class Field>
 Field underLock(QelCondQueue& queue, Field QelCondQueue::*field) {
