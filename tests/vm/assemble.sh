@@ -250,6 +250,18 @@ if [ ! -s "$base" ]; then
   mv "$base.tmp" "$base"
   rm -rf "$stage"; trap - EXIT
 fi
+# Only the current versions stay in the cache.
+for f in "$cache"/base-*.cpio.gz; do [ "$f" = "$base" ] || rm -f "$f"; done
+for p in "${packages[@]}"; do
+  for d in "$cache/debs/$p"/*; do
+    [ -d "$d" ] && [ "${d##*/}" != "${version[$p]//:/%3a}" ] && rm -rf "$d"
+  done
+done
+for d in "$cache"/x/*; do
+  keep=0
+  for p in "${packages[@]}"; do [ "$d" = "$(tree_of "$p")" ] && keep=1; done
+  ((keep)) || rm -rf "$d"
+done
 t_base=$(since "$t0")
 
 # ---------------------------------------------------------------- project archive
