@@ -323,30 +323,35 @@ QelIpmiDeviceIdData::QelIpmiDeviceIdData()
     update();
 }
 
+namespace {
+
+// The decoded answer (or the defaults standing in for it) and guid: what a
+// copy and an assignment both take over. acSystem is left out on purpose:
+// an assignment keeps the target's, which describes the machine that object
+// was built on; the copy constructor takes it over itself.
+void copyControllerFacts(QelIpmiDeviceIdData& to, const QelIpmiDeviceIdData& from) {
+    to.manufacturerId = from.manufacturerId;
+    to.productId = from.productId;
+    to.versionString = from.versionString;
+    to.firmwareVersion = from.firmwareVersion;
+    to.firmwareRevision = from.firmwareRevision;
+    to.oemFeatureAvailable = from.oemFeatureAvailable;
+    to.ipmiAvailable = from.ipmiAvailable;
+    to.guid = from.guid;
+}
+
+}  // namespace
+
 QelIpmiDeviceIdData::QelIpmiDeviceIdData(const QelIpmiDeviceIdData& other) {
     std::lock_guard<std::mutex> lock(base_mutex);
-    manufacturerId = other.manufacturerId;
-    productId = other.productId;
-    versionString = other.versionString;
-    firmwareVersion = other.firmwareVersion;
-    firmwareRevision = other.firmwareRevision;
-    oemFeatureAvailable = other.oemFeatureAvailable;
-    ipmiAvailable = other.ipmiAvailable;
+    copyControllerFacts(*this, other);
     acSystem = other.acSystem;
-    guid = other.guid;
     ++instance_count;
 }
 
 QelIpmiDeviceIdData& QelIpmiDeviceIdData::operator=(const QelIpmiDeviceIdData& other) {
     if (this == &other) return *this;
-    manufacturerId = other.manufacturerId;
-    productId = other.productId;
-    versionString = other.versionString;
-    firmwareVersion = other.firmwareVersion;
-    firmwareRevision = other.firmwareRevision;
-    oemFeatureAvailable = other.oemFeatureAvailable;
-    ipmiAvailable = other.ipmiAvailable;
-    guid = other.guid;
+    copyControllerFacts(*this, other);
     return *this;
 }
 
