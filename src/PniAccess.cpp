@@ -594,24 +594,49 @@ bool sameMac(const unsigned char* bytes, const MacAddress& mac) {
     return std::memcmp(bytes, mac.bytes, sizeof(mac.bytes)) == 0;
 }
 
+// Reads the specific area of a NIC function into `area` (areaBufferSize
+// bytes). False for a function that is no NIC by its stored type or by its
+// type text (asked only when the stored type says NIC), and for an area that
+// cannot be read.
+bool readNicArea(PniAccess& pni, const QelIpmi& ipmi, unsigned char a, unsigned char p,
+                 unsigned char f, const PniPortFnInfo& fn, unsigned char* area) {
+    constexpr unsigned char nic = PniAccess::typeNic;
+    if (fn.type != nic || pni.getPortFunctionType(ipmi, a, p, f) != typeNames[nic]) return false;
+    return pni.readPortFnSpecificArea(ipmi, a, p, f, areaReadLength, area) == PniAccess::resultOk;
+}
+
+// The first NIC function, in (adapter, port, function) order, whose area
+// `matches`.
+template <typename Matches>
+Target findNicFunction(PniAccess& pni, const QelIpmi& ipmi, Matches matches) {
+    Target target;
+    forEachFunction(pni, [&](unsigned char a, unsigned char p, unsigned char f, const PniPortFnInfo& fn) {
+        unsigned char area[areaBufferSize] = {};
+        if (!readNicArea(pni, ipmi, a, p, f, fn, area) || !matches(area)) return true;
+        target.select(a, p, f, fn, area);
+        return false;
+    });
+    return target;
+}
+
+// Writes the first `dataLength` bytes of `area` back with their padding
+// zeroed behind them; `area` has room for it.
+int writePadded(PniAccess& pni, const QelIpmi& ipmi, unsigned char a, unsigned char p,
+                unsigned char f, unsigned short commonLength, unsigned char* area, int dataLength) {
+    const int pad = padding(commonLength, dataLength);
+    std::memset(area + dataLength, 0, pad);
+    return pni.writePortFnSpecificArea(ipmi, a, p, f, dataLength + pad, area);
+}
+
 }  // namespace
 
 bool PniAccess::setIpv4Address(const MacAddress& mac, const IPv4Address& address) {
     if (!usable()) return false;
     try {
         QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
-        Target target;
-        forEachFunction(*this, [&](unsigned char a, unsigned char p, unsigned char f,
-                                   const PniPortFnInfo& fn) {
-            if (fn.type != typeNic || getPortFunctionType(ipmi, a, p, f) != typeNames[typeNic])
-                return true;
-            unsigned char area[areaBufferSize] = {};
-            if (readPortFnSpecificArea(ipmi, a, p, f, areaReadLength, area) != resultOk) return true;
+        Target target = findNicFunction(*this, ipmi, [&](const unsigned char* area) {
             // Per function: the reported MAC first, then the other one.
-            if (!sameMac(area + areaMacReported, mac) && !sameMac(area + areaMacOther, mac))
-                return true;
-            target.select(a, p, f, fn, area);
-            return false;
+            return sameMac(area + areaMacReported, mac) || sameMac(area + areaMacOther, mac);
         });
         if (!target.found) return false;
 
@@ -633,10 +658,8 @@ bool PniAccess::setIpv4Address(const MacAddress& mac, const IPv4Address& address
         std::memcpy(area + areaAddresses, address.octets, 4);
         if (ipv6Count != 0) std::memcpy(area + areaAddresses + 1, savedIpv6, ipv6Count * 16);
         const int dataLength = areaAddresses + 4 + 16 * ipv6Count;
-        const int pad = padding(target.commonLength, dataLength);
-        std::memset(area + dataLength, 0, pad);
-        return writePortFnSpecificArea(ipmi, target.adapter, target.port, target.function,
-                                       dataLength + pad, area) == resultOk;
+        return writePadded(*this, ipmi, target.adapter, target.port, target.function,
+                           target.commonLength, area, dataLength) == resultOk;
     } catch (qelIpmi::QelIpmiError& e) {
         logError(e.errorText);
         return false;
@@ -647,17 +670,9 @@ bool PniAccess::setIpv6Address(const MacAddress& mac, const std::list<IPv6Addres
     if (!usable()) return false;
     try {
         QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
-        Target target;
-        forEachFunction(*this, [&](unsigned char a, unsigned char p, unsigned char f,
-                                   const PniPortFnInfo& fn) {
-            if (fn.type != typeNic || getPortFunctionType(ipmi, a, p, f) != typeNames[typeNic])
-                return true;
-            unsigned char area[areaBufferSize] = {};
-            if (readPortFnSpecificArea(ipmi, a, p, f, areaReadLength, area) != resultOk) return true;
+        Target target = findNicFunction(*this, ipmi, [&](const unsigned char* area) {
             // Only the reported MAC identifies the target here.
-            if (!sameMac(area + areaMacReported, mac)) return true;
-            target.select(a, p, f, fn, area);
-            return false;
+            return sameMac(area + areaMacReported, mac);
         });
         if (!target.found) return false;
 
@@ -676,10 +691,8 @@ bool PniAccess::setIpv6Address(const MacAddress& mac, const std::list<IPv6Addres
         }
         area[areaCounts] = static_cast<unsigned char>((count % 16) << 4 | ipv4Count);
         const int dataLength = areaAddresses + 4 * ipv4Count + 16 * count;
-        const int pad = padding(target.commonLength, dataLength);
-        std::memset(area + dataLength, 0, pad);
-        return writePortFnSpecificArea(ipmi, target.adapter, target.port, target.function,
-                                       dataLength + pad, area) == resultOk;
+        return writePadded(*this, ipmi, target.adapter, target.port, target.function,
+                           target.commonLength, area, dataLength) == resultOk;
     } catch (qelIpmi::QelIpmiError& e) {
         logError(e.errorText);
         return false;
@@ -693,14 +706,10 @@ bool PniAccess::clearIpAddressData() {
         bool ok = true;
         forEachFunction(*this, [&](unsigned char a, unsigned char p, unsigned char f,
                                    const PniPortFnInfo& fn) {
-            if (fn.type != typeNic || getPortFunctionType(ipmi, a, p, f) != typeNames[typeNic])
-                return true;
             unsigned char area[areaBufferSize] = {};
-            if (readPortFnSpecificArea(ipmi, a, p, f, areaReadLength, area) != resultOk) return true;
+            if (!readNicArea(*this, ipmi, a, p, f, fn, area)) return true;
             area[areaCounts] = 0;
-            const int pad = padding(fn.commonLength, areaAddresses);
-            std::memset(area + areaAddresses, 0, pad);
-            if (writePortFnSpecificArea(ipmi, a, p, f, areaAddresses + pad, area) != resultOk) {
+            if (writePadded(*this, ipmi, a, p, f, fn.commonLength, area, areaAddresses) != resultOk) {
                 ok = false;
                 return false;
             }
