@@ -183,36 +183,37 @@ TEST(QelCondQueue, EnqueueAndRemoveOnFullQueueLeavesABlockedProducerWaiting) {
     EXPECT_EQ(number(queue.dequeue()), 50u);
 }
 
-TEST(QelCondQueue, DequeueOnEmptyQueueBlocksUntilAnEnqueue) {
-    QelCondQueue queue(8);
+namespace {
+
+// Shows that a dequeue on the empty `queue` blocks until `wake` puts an item
+// in, and then returns that item: what dequeue received.
+template <class Wake>
+uintptr_t dequeueWaitingFor(QelCondQueue& queue, Wake wake) {
     std::atomic<bool> returned{false};
     void* received = nullptr;
     std::thread consumer([&] {
         received = queue.dequeue();
         returned = true;
     });
-    ASSERT_TRUE(eventually(queue, [](QelCondQueue& q) { return q.waitingReaders == 1; }));
+    EXPECT_TRUE(eventually(queue, [](QelCondQueue& q) { return q.waitingReaders == 1; }));
     EXPECT_FALSE(returned.load());
-    EXPECT_TRUE(queue.enqueue(item(77)));
+    wake();
     consumer.join();
-    EXPECT_EQ(number(received), 77u);
+    return number(received);
+}
+
+}  // namespace
+
+TEST(QelCondQueue, DequeueOnEmptyQueueBlocksUntilAnEnqueue) {
+    QelCondQueue queue(8);
+    EXPECT_EQ(dequeueWaitingFor(queue, [&] { EXPECT_TRUE(queue.enqueue(item(77))); }), 77u);
     EXPECT_EQ(queue.waitingReaders, 0u);
     EXPECT_EQ(queue.count, 0u);
 }
 
 TEST(QelCondQueue, DequeueOnEmptyQueueBlocksUntilAnEnqueueAndRemove) {
     QelCondQueue queue(8);
-    std::atomic<bool> returned{false};
-    void* received = nullptr;
-    std::thread consumer([&] {
-        received = queue.dequeue();
-        returned = true;
-    });
-    ASSERT_TRUE(eventually(queue, [](QelCondQueue& q) { return q.waitingReaders == 1; }));
-    EXPECT_FALSE(returned.load());
-    EXPECT_FALSE(queue.enqueue_and_remove(item(78)));
-    consumer.join();
-    EXPECT_EQ(number(received), 78u);
+    EXPECT_EQ(dequeueWaitingFor(queue, [&] { EXPECT_FALSE(queue.enqueue_and_remove(item(78))); }), 78u);
     EXPECT_EQ(queue.count, 0u);
 }
 
