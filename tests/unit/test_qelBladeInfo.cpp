@@ -37,12 +37,7 @@ namespace cc = qelIpmi::cc;
 
 namespace {
 
-using boardTest::bytesOf;
-using boardTest::cat;
-using boardTest::mac1;
-using boardTest::mac2;
-using boardTest::mac3;
-using boardTest::mac4;
+using namespace boardTest;
 
 MacAddress macAddress(const SimBoard::Mac& m) {
     MacAddress a;

@@ -25,12 +25,7 @@ using testing::ElementsAreArray;
 
 namespace {
 
-using confSpaceTest::iana0;
-using confSpaceTest::iana1;
-using confSpaceTest::iana2;
-using confSpaceTest::readRequest;
-using confSpaceTest::textBytes;
-using confSpaceTest::writeRequest;
+using namespace confSpaceTest;
 
 constexpr unsigned char oem = 0x2E, confCmd = 0xE0, agentCmd = 0x02;
 const std::string unknown = "- unknown -";

@@ -29,11 +29,7 @@ namespace cc = qelIpmi::cc;
 
 namespace {
 
-using boardTest::bytesOf;
-using boardTest::cat;
-using boardTest::mac1;
-using boardTest::mac2;
-using boardTest::mac4;
+using namespace boardTest;
 
 class Board : public testing::Test {
 protected:

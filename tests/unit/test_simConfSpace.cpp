@@ -21,12 +21,7 @@ using testing::ElementsAreArray;
 
 namespace {
 
-using confSpaceTest::iana0;
-using confSpaceTest::iana1;
-using confSpaceTest::iana2;
-using confSpaceTest::readRequest;
-using confSpaceTest::textBytes;
-using confSpaceTest::writeRequest;
+using namespace confSpaceTest;
 
 Bytes okReply(const Bytes& value) {
     Bytes out = {0x00, iana0, iana1, iana2, static_cast<unsigned char>(value.size())};
