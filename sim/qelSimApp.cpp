@@ -1,4 +1,6 @@
 // Application commands (network function 0x06) of the simulated controller.
+#include <memory>
+
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelSimBmc.h"
@@ -28,6 +30,25 @@ void registerAppCommands(SimBmc& bmc) {
         if (!r.data.empty()) return Response{qelIpmi::cc::requestDataLengthInvalid};
         return bmc.deviceId();
     });
+
+    // Get/Set BMC Global Enables: what the kernel's system-interface driver
+    // asks at load time to decide between interrupts and polling. Bits 0-3
+    // (receive queue interrupt, event buffer full interrupt, event buffer,
+    // system event logging) are kept; the OEM bits 5-7 and reserved bit 4
+    // are refused, as on controllers without OEM enables.
+    auto enables = std::make_shared<unsigned char>(0x0C);  // event buffer and logging on
+    bmc.setHandler(qelIpmi::netfn::app, qelIpmi::cmd::getBmcGlobalEnables,
+                   [enables](const Request& r) {
+                       if (!r.data.empty()) return Response{qelIpmi::cc::requestDataLengthInvalid};
+                       return Response{qelIpmi::cc::ok, *enables};
+                   });
+    bmc.setHandler(qelIpmi::netfn::app, qelIpmi::cmd::setBmcGlobalEnables,
+                   [enables](const Request& r) {
+                       if (r.data.size() != 1) return Response{qelIpmi::cc::requestDataLengthInvalid};
+                       if (r.data[0] & 0xF0) return Response{qelIpmi::cc::invalidDataField};
+                       *enables = r.data[0];
+                       return Response{qelIpmi::cc::ok};
+                   });
 }
 
 }  // namespace qelSim

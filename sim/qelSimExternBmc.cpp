@@ -1,5 +1,7 @@
 #include "qelSimExternBmc.h"
 
+#include "qelIpmiCommands.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/ipmi.h>
@@ -74,8 +76,8 @@ namespace {
 constexpr std::size_t minimumRequest = 4;
 // Set BMC Global Enables (IPMI 2.0, 22.1) and its receive message queue
 // interrupt bit.
-constexpr unsigned char setGlobalEnablesNetFn = 0x06;
-constexpr unsigned char setGlobalEnablesCmd = 0x2E;
+constexpr unsigned char setGlobalEnablesNetFn = qelIpmi::netfn::app;
+constexpr unsigned char setGlobalEnablesCmd = qelIpmi::cmd::setBmcGlobalEnables;
 constexpr unsigned char receiveQueueInterruptBit = 0x01;
 }  // namespace
 

@@ -19,6 +19,8 @@ constexpr unsigned char oemPni = 0x34;     // PNI locate command
 namespace cmd {
 // netfn::app
 constexpr unsigned char getDeviceId = 0x01;
+constexpr unsigned char setBmcGlobalEnables = 0x2E;
+constexpr unsigned char getBmcGlobalEnables = 0x2F;
 constexpr unsigned char resetWatchdogTimer = 0x22;
 constexpr unsigned char setWatchdogTimer = 0x24;
 constexpr unsigned char getWatchdogTimer = 0x25;

@@ -440,3 +440,20 @@ TEST_F(Transport, ResponseAddressIsWrittenBackIntoActiveAddress) {
     EXPECT_EQ(ipmi.ipmbAddr.addr_type, IPMI_IPMB_ADDR_TYPE);
     EXPECT_EQ(ipmi.ipmbAddr.slave_addr, 0x24);
 }
+
+TEST_F(Transport, GlobalEnablesAreKeptAndReadBack) {
+    QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+    QelIpmi_request_msg get(0x06, 0x2F, 0, nullptr);
+    ASSERT_TRUE(ipmi.sendCmd(get));
+    EXPECT_THAT(responseOf(get), ElementsAre(0x00, 0x0C));
+    const unsigned char interruptsOn = 0x0D;
+    QelIpmi_request_msg set(0x06, 0x2E, 1, &interruptsOn);
+    ASSERT_TRUE(ipmi.sendCmd(set));
+    EXPECT_THAT(responseOf(set), ElementsAre(0x00));
+    ASSERT_TRUE(ipmi.sendCmd(get));
+    EXPECT_THAT(responseOf(get), ElementsAre(0x00, 0x0D));
+    const unsigned char oemBit = 0x20;
+    set.replaceSendData(&oemBit, 1);
+    ASSERT_TRUE(ipmi.sendCmd(set));
+    EXPECT_THAT(responseOf(set), ElementsAre(0xCC));
+}

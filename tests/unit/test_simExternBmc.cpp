@@ -213,13 +213,15 @@ TEST(SimExternSession, EventsFromBeforeTheConnectionAreNotReplayed) {
 TEST(SimExternSession, GlobalEnablesTakenByTheControllerSwitchTheInterruptOnAndOff) {
     SimBmc bmc;
     ExternSession s(bmc);
-    // Without a handler the controller refuses them: nothing is switched.
+    // A controller that refuses them switches nothing.
+    bmc.removeHandler(0x06, 0x2E);
     auto frames = decodeAll(send(s, requestFrame(1, 0x06, 0x2E, {0x0D})));
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(frames[0].bytes[3], 0xC1);
     EXPECT_TRUE(s.sentCommands().empty());
 
-    bmc.setHandler(0x06, 0x2E, [](const qelSim::Request&) { return qelSim::Response{0x00}; });
+    // The simulated controller takes them, as real ones do.
+    registerAppCommands(bmc);
     frames = decodeAll(send(s, requestFrame(2, 0x06, 0x2E, {0x0D})));
     ASSERT_EQ(frames.size(), 2u);
     EXPECT_TRUE(frames[0].command);
