@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# qeld --once, --shutdown and --foreground against the simulated controller
+# process: what each sends, what each logs, how each ends.
+source "$(dirname "$0")/qeld-lib.sh"
+
+start_syslog
+start_bmcsim
+
+step "--once: one pass, no watchdog command, no wait"
+start=$(now_ms)
+with_log "$QELD" --once --bmc-socket "$SOCK" --no-stderr
+status=$?
+elapsed=$(($(now_ms) - start))
+expect_eq "exit status" "$status" 0
+# A pass of the loop would wait 20 s; one pass alone takes well under that.
+expect_le "ms it took" "$elapsed" 10000
+for c in "06 22" "06 24" "06 25"; do
+  expect_eq "watchdog command $c sent" "$(sent_count "$c")" 0
+done
+expect_eq "watchdog" "$(dump_value timer)" "stopped (never set)"
+expect_eq "OS status" "$(dump_value os-status)" "5 5"
+expect_eq "OS text" "$(dump_value os-text | sed 's/ via.*//')" '"VMware ESXi "'
+expect_eq "agent connection untouched" "$(dump_value agent-connection)" "1 (connected)"
+# The four slots were cleared at start, then the host's first address written.
+expect_eq "slot 1 writes" "$(dump_value address-1 | sed 's/.*writes //')" 2
+expect_eq "slot 4 writes (the clearing)" "$(dump_value address-4 | sed 's/.*writes //')" 1
+expect_eq "slot 4" "$(dump_value address-4 | cut -d' ' -f1)" 0.0.0.0
+expect_true "syslog identity QELD, nothing at err" sh -c "! grep -q '^<11>' '$SYSLOG'"
+
+step "--shutdown: only the watchdog stop, and no syslog at all"
+ctl set watchdog-state 44 00 00 00 b8 0b b8 0b   # running, use 4, 300 s
+ctl clear-requests
+lines=$(wc -l <"$SYSLOG")
+with_log "$QELD" --shutdown --bmc-socket "$SOCK"
+expect_eq "exit status" "$?" 0
+expect_eq "requests: Get and Set Watchdog Timer" "$(request_lines | cut -c1-5 | tr '\n' ,)" "06 25,06 24,"
+expect_eq "the Set stops use 4" "$(request_lines | awk '$2 == "24" { print $3 }')" 04
+expect_eq "watchdog" "$(dump_value timer)" stopped
+expect_eq "syslog lines" "$(wc -l <"$SYSLOG")" "$lines"
+
+step "--foreground: the worker resets the watchdog; SIGALRM resets it too"
+ctl set confspace-var 2300 01
+ctl clear-requests
+: >"$SYSLOG"
+with_log_bg "$QELD" --foreground --bmc-socket "$SOCK" --no-stderr
+fg=$BG_PID
+wait_until 10 "first watchdog reset" resets_at_least 1
+expect_eq "watchdog" "$(dump_value timer)" running
+expect_eq "initial countdown" "$(dump_value initial-countdown)" "3000 (300.0 s)"
+kill -ALRM "$fg"
+wait_until 10 "reset after SIGALRM" resets_at_least 2
+# In mode Thread the program owns syslog: identity QELD, LOG_USER (<14> info).
+wait_until 5 "syslog line for SIGALRM" syslog_has 14 QELD "Alarm signal received"
+
+step "--foreground: SIGTERM stops the worker, the watchdog and reports the shutdown"
+ctl clear-requests
+kill -TERM "$fg"
+set +e
+wait "$fg"
+status=$?
+set -e
+expect_eq "exit status" "$status" 0
+expect_true "syslog: <14> QELD: Termination signal received" syslog_has 14 QELD "Termination signal received"
+expect_eq "watchdog" "$(dump_value timer)" stopped
+expect_eq "agent connection" "$(dump_value agent-connection)" "2 (disconnected)"
+expect_eq "last OS status" "$(dump_value os-status | awk '{ print $NF }')" 6
+expect_eq "OS text" "$(dump_value os-text | sed 's/ via.*//')" '""'
+expect_eq "platform text" "$(dump_value platform-text | sed 's/ via.*//')" '""'
+expect_eq "stop, status 2, then the report" \
+  "$(request_lines | awk '$1 == "06" && $2 == "24" { print "stop" } $1 == "2e" && $2 == "02" && $6 == "02" { print "status" } $1 == "04" && $7 == "46" { print "os6" }' | tr '\n' ,)" \
+  "stop,status,os6,"
+
+step "--foreground: SIGINT and SIGHUP end it the same way"
+for sig in INT HUP; do
+  ctl clear-requests
+  with_log_bg "$QELD" --foreground --bmc-socket "$SOCK" --no-stderr
+  fg=$BG_PID
+  wait_until 10 "first watchdog reset" resets_at_least 1
+  kill -"$sig" "$fg"
+  set +e
+  wait "$fg"
+  status=$?
+  set -e
+  expect_eq "exit status after SIG$sig" "$status" 0
+  expect_eq "watchdog after SIG$sig" "$(dump_value timer)" stopped
+done
+
+step "--once --simulate --report: the built-in controller, its state printed"
+"$QELD" --once --simulate --report --no-stderr >"$T/report"
+expect_eq "exit status" "$?" 0
+expect_true "report has the traffic" grep -q '^sent 04 02 x2  Platform Event' "$T/report"
+expect_true "report has the PNI records" grep -q '^adapter 0 port 1 function 0 nic ' "$T/report"
+expect_true "report has the board's OS status" grep -q '^os-status 5 5$' "$T/report"
+
+finish
