@@ -891,7 +891,7 @@ Bytes enclosure(uint16_t handle, const std::string& serial) {
 // System Information strings: manufacturer, product, version, serial, SKU,
 // family.
 std::vector<std::string> systemStrings(const std::string& serial, const std::string& product = "RX 2540",
-                                       const std::string& family = "PRIMERGY") {
+                                       const std::string& family = "RIVERLINE") {
     return {"Maker", product, "1.0", serial, "SKU-1", family};
 }
 
@@ -1005,7 +1005,7 @@ TEST_F(Detection, AldercroftFamilyOrProductMakesAnAcSystemThatReportsItsStatus) 
     EXPECT_TRUE(family.setOSStatus(QelBladeInfo::AC_OS_RUNNING));
     EXPECT_THAT(board().osStatuses(), ElementsAre(5));
 
-    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "QX ALDERCROFT 4", "PRIMERGY")),
+    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "QX ALDERCROFT 4", "RIVERLINE")),
                enclosure(2, "SN-1")});
     EXPECT_TRUE(QelBladeInfo(3, true).acSystem);
 
