@@ -15,7 +15,10 @@ else
   # No logger on this host, so no /dev/log to cover: give /dev a fresh tmpfs
   # that carries every old entry (bound from a copy of the old /dev) plus a
   # /dev/log of ours.
-  old=$(mktemp -d /tmp/qel-olddev.XXXXXX)
+  # The old /dev stays reachable at a directory beside the socket, which the
+  # caller removes with its own temp directory.
+  old=$(dirname "$sock")/.olddev-$$
+  mkdir -p "$old"
   mount --rbind /dev "$old"
   mount -t tmpfs -o mode=0755 qel-dev /dev
   for entry in "$old"/* "$old"/.[!.]*; do
