@@ -292,6 +292,11 @@ void QelServerInfo::start_main_action_daemon() {
     try {
         installOrExit(SIGCHLD, action);
         installOrExit(SIGUSR1, action);
+        // The parent's 3-second wait ends by SIGALRM through child_handler
+        // (status 1); left at its default action the alarm would kill the
+        // parent with a signal status instead. The child installs its own
+        // SIGALRM handler before it arms any alarm.
+        installOrExit(SIGALRM, action);
 
         const pid_t child = fork();
         if (child == -1) {

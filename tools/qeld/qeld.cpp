@@ -278,16 +278,6 @@ void atDaemonExit() {
 
 int runDaemon(qeld::QeldPlatform& platform) {
     std::atexit(atDaemonExit);
-    // The parent waits for its child with alarm(3), and 3 s without a report
-    // are to end it with status 1 through child_handler. The library installs
-    // child_handler for SIGCHLD and SIGUSR1 only, so without this the alarm's
-    // default action would kill the parent instead (status 128 + SIGALRM).
-    // The child installs its own SIGALRM handler before it loops.
-    struct sigaction startUp;
-    std::memset(&startUp, 0, sizeof startUp);
-    startUp.sa_handler = QelServerInfo::child_handler;
-    sigemptyset(&startUp.sa_mask);
-    sigaction(SIGALRM, &startUp, nullptr);
     // Returns only when the pid file exists (the library has printed why);
     // every other way ends inside, in the parent and in the daemon child.
     QelServerInfo agent(QelServerInfo::Daemon);
