@@ -31,12 +31,20 @@ constexpr const char* kCorpusEnv = "QEL_SMBIOS_TESTDATA";
 constexpr const char* kCorpusOptionalEnv = "QEL_SMBIOS_CORPUS_OPTIONAL";
 
 // The corpus directory: $QEL_SMBIOS_TESTDATA, or shared/testdata/smbios
-// beside the repository that holds `testSource` (a file in tests/unit/).
+// beside the repository (the one the build names, else the one that holds
+// `testSource`, a file in tests/unit/).
 inline std::string corpusDirectory(const char* testSource) {
     if (const char* fromEnv = std::getenv(kCorpusEnv); fromEnv != nullptr && *fromEnv != 0)
         return fromEnv;
     namespace fs = std::filesystem;
+#ifdef QEL_REPOSITORY_DIR
+    // The build names the checkout: __FILE__ is relative when a compiler
+    // cache rewrites paths, and then says nothing about where the checkout is.
+    (void)testSource;
+    const fs::path repository = QEL_REPOSITORY_DIR;
+#else
     const fs::path repository = fs::path(testSource).parent_path().parent_path().parent_path();
+#endif
     return (repository.parent_path() / "shared" / "testdata" / "smbios").lexically_normal().string();
 }
 
