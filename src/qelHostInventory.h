@@ -8,7 +8,7 @@
 // the host is configured with.
 //
 // Promises:
-// - The socket calls (socket, send, recv, close) go through
+// - The socket calls (socket, getsockname, send, recv, close) go through
 //   qelPlatform::platform(), so a test can feed crafted netlink data.
 // - Sequence numbers and the kernel's port id are checked; a dump the kernel
 //   interrupted (NLM_F_DUMP_INTR) is read again, a bounded number of times,
@@ -31,9 +31,9 @@
 #include "qelError.h"
 #include "qelExport.h"
 
-QEL_DECLARE_ERROR(QelHostInventoryError);
-
 namespace qelHostInventory {
+
+QEL_DECLARE_ERROR(QelHostInventoryError);
 
 struct QEL_EXPORT Ipv4AddressEntry {
     IPv4Address address;         // IFA_LOCAL (IFA_ADDRESS where there is none)
@@ -51,6 +51,9 @@ struct QEL_EXPORT Ipv6AddressEntry {
     // Kernel scopes (RT_SCOPE_*) as rtnetlink reports them.
     enum Scope : unsigned int { Universe = 0, Site = 200, Link = 253, Host = 254 };
 
+    // Built by IPv6Address's constructors only, never assigned into, so its
+    // network-order copy is always current (assignment copies only the
+    // reversed bytes).
     IPv6Address address;
     unsigned int prefixLength = 0;
     unsigned int scope = Universe;

@@ -54,6 +54,10 @@ void Platform::openlog(const char* ident, int option, int facility) const {
 void Platform::syslog(int priority, const char* text) const { ::syslog(priority, "%s", text); }
 void Platform::closelog() const { ::closelog(); }
 
+int Platform::getsockname(int fd, struct sockaddr* address, socklen_t* length) const {
+    return ::getsockname(fd, address, length);
+}
+
 namespace {
 Platform& realPlatform() {
     static Platform real;

@@ -19,6 +19,7 @@
 #define QEL_PLATFORM_H
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -29,6 +30,7 @@
 struct utsname;
 struct sysinfo;
 struct ifaddrs;
+struct sockaddr;
 
 namespace qelPlatform {
 
@@ -71,6 +73,10 @@ public:
     virtual void openlog(const char* ident, int option, int facility) const;
     virtual void syslog(int priority, const char* text) const;
     virtual void closelog() const;
+
+    // Host inventory: the port id the kernel gave a netlink socket, to check
+    // that a dump's replies are addressed to us.
+    virtual int getsockname(int fd, struct sockaddr* address, socklen_t* length) const;
 
 private:
     std::string root_;
