@@ -11,9 +11,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include "qelPlatform.h"
 
@@ -139,16 +141,24 @@ void QelIp::release() noexcept {
 void QelIp::listInterfaces() {
     unsigned int count = initialEntryCount;
     int requested = 0;
+    // The kernel is asked with a buffer one entry larger each round, as the
+    // agent always did; the memory behind it grows by doubling, so the
+    // hundreds of rounds on a big host do not copy the buffer every time.
+    size_t capacity = 0;
     do {
         requested = static_cast<int>((count + 1) * ifreqSize);
-        void* grown = std::realloc(ifc.ifc_buf, static_cast<size_t>(requested));
-        if (grown == nullptr) {
-            std::free(ifc.ifc_buf);
-            ifc.ifc_buf = nullptr;
-            ifc.ifc_len = 0;
-            QEL_THROW(QelIpError, "realloc failed. ");
+        if (static_cast<size_t>(requested) > capacity) {
+            const size_t wanted = std::max(static_cast<size_t>(requested), 2 * capacity);
+            void* grown = std::realloc(ifc.ifc_buf, wanted);
+            if (grown == nullptr) {
+                std::free(ifc.ifc_buf);
+                ifc.ifc_buf = nullptr;
+                ifc.ifc_len = 0;
+                QEL_THROW(QelIpError, "realloc failed. ");
+            }
+            ifc.ifc_buf = static_cast<char*>(grown);
+            capacity = wanted;
         }
-        ifc.ifc_buf = static_cast<char*>(grown);
         // Entries the kernel does not fill read as nameless and are skipped.
         std::memset(ifc.ifc_buf, 0, static_cast<size_t>(requested));
         ifc.ifc_len = requested;
@@ -211,19 +221,21 @@ void QelIp::readIpv6Addresses() {
         ~Release() { platform().freeifaddrs(list); }
     } releaseList{list};
 
+    // By name, first match in key order: getifaddrs gives no index that would
+    // be cheaper to trust across the two listings. The names are looked up in
+    // a table built once, in key order, keeping the first record of a name:
+    // the same answer as walking the records for every address, without the
+    // walk's cost on hosts with hundreds of interfaces.
+    std::unordered_map<std::string, QelIfParameter*> byName;
+    byName.reserve(ifParameters.size());
+    for (auto& item : ifParameters) byName.emplace(item.second.name, &item.second);
+
     for (const struct ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
         if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET6) continue;
         if (entry->ifa_name == nullptr) continue;
-        // By name, first match in key order: getifaddrs gives no index that
-        // would be cheaper to trust across the two listings.
-        QelIfParameter* record = nullptr;
-        for (auto& item : ifParameters) {
-            if (item.second.name == entry->ifa_name) {
-                record = &item.second;
-                break;
-            }
-        }
-        if (record == nullptr) continue;
+        const auto found = byName.find(entry->ifa_name);
+        if (found == byName.end()) continue;
+        QelIfParameter* record = found->second;
         record->hasIpv6 = true;
 
         const auto* address = reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr);
