@@ -154,7 +154,8 @@ Bytes datagram(const std::vector<Message>& messages, std::uint32_t sequence, std
         const size_t start = out.size();
         out.resize(start + NLMSG_SPACE(m.payload.size()), 0);
         std::memcpy(out.data() + start, &header, sizeof header);
-        std::memcpy(out.data() + start + NLMSG_HDRLEN, m.payload.data(), m.payload.size());
+        if (!m.payload.empty())
+            std::memcpy(out.data() + start + NLMSG_HDRLEN, m.payload.data(), m.payload.size());
     }
     return out;
 }
