@@ -5,6 +5,8 @@
 # agent stops the watchdog. The whole chain, as the host sees it: the text in
 # syslog at LOG_ERR, qeld's distinct exit status 2 (--foreground, --once, and
 # the daemon process itself), the watchdog stopped, the agent disconnected.
+# That is the library's own loop, which `qeld --strict` runs; the host agent
+# (qeld's default) publishes such a host instead: qeld_host_agent.sh.
 source "$(dirname "$0")/qeld-lib.sh"
 
 M1=02:00:00:00:0d:01
@@ -24,7 +26,7 @@ step "--foreground: the worker's loop ends, qeld notices and exits 2"
 ctl set confspace-var 2300 01
 ctl clear-requests
 set +e
-with_log "$QELD" --foreground --bmc-socket "$SOCK" 2>"$T/err"
+with_log "$QELD" --strict --foreground --bmc-socket "$SOCK" 2>"$T/err"
 status=$?
 set -e
 expect_eq "exit status" "$status" 2
@@ -43,7 +45,7 @@ ctl set confspace-var 2300 01
 ctl clear-requests
 : >"$SYSLOG"
 : >"$EXITS"
-with_log_bg "$SUBREAPER" "$EXITS" "$QELD" --daemon --bmc-socket "$SOCK" --root "$ROOT" --no-stderr
+with_log_bg "$SUBREAPER" "$EXITS" "$QELD" --strict --daemon --bmc-socket "$SOCK" --root "$ROOT" --no-stderr
 REAPER_PID=$BG_PID
 wait_until 10 "exit of the daemon's parent" grep -q '^command ' "$EXITS"
 # The child reports and dies within milliseconds here. When both its SIGUSR1
@@ -65,7 +67,7 @@ expect_eq "last OS status" "$(dump_value os-status | awk '{ print $NF }')" 6
 
 step "--once: exit 2 as well"
 set +e
-with_log "$QELD" --once --bmc-socket "$SOCK" --no-stderr
+with_log "$QELD" --strict --once --bmc-socket "$SOCK" --no-stderr
 status=$?
 set -e
 expect_eq "exit status" "$status" 2
@@ -73,7 +75,7 @@ expect_eq "exit status" "$status" 2
 step "without the second address all is well again"
 ip -n "$NS" addr del 10.21.0.100/24 dev v0
 set +e
-with_log "$QELD" --once --bmc-socket "$SOCK" --no-stderr
+with_log "$QELD" --strict --once --bmc-socket "$SOCK" --no-stderr
 status=$?
 set -e
 expect_eq "exit status" "$status" 0

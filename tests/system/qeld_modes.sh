@@ -6,9 +6,9 @@ source "$(dirname "$0")/qeld-lib.sh"
 start_syslog
 start_bmcsim
 
-step "--once: one pass, no watchdog command, no wait"
+step "--strict --once: one pass of the library's loop, no watchdog command, no wait"
 start=$(now_ms)
-with_log "$QELD" --once --bmc-socket "$SOCK" --no-stderr
+with_log "$QELD" --strict --once --bmc-socket "$SOCK" --no-stderr
 status=$?
 elapsed=$(($(now_ms) - start))
 expect_eq "exit status" "$status" 0
@@ -26,6 +26,17 @@ expect_eq "slot 1 writes" "$(dump_value address-1 | sed 's/.*writes //')" 2
 expect_eq "slot 4 writes (the clearing)" "$(dump_value address-4 | sed 's/.*writes //')" 1
 expect_eq "slot 4" "$(dump_value address-4 | cut -d' ' -f1)" 0.0.0.0
 expect_true "syslog identity QELD, nothing at err" sh -c "! grep -q '^<11>' '$SYSLOG'"
+
+step "--once (the host agent): the host's own OS name and kernel release"
+. /etc/os-release
+ctl clear-requests
+with_log "$QELD" --once --bmc-socket "$SOCK" --no-stderr
+expect_eq "exit status" "$?" 0
+expect_eq "OS text" "$(dump_value os-text | sed 's/ via.*//')" "\"$PRETTY_NAME\""
+expect_eq "platform text" "$(dump_value platform-text | sed 's/ via.*//')" "\"$(uname -r)\""
+for c in "06 22" "06 24"; do
+  expect_eq "watchdog command $c sent" "$(sent_count "$c")" 0
+done
 
 step "--shutdown: only the watchdog stop, and no syslog at all"
 ctl set watchdog-state 44 00 00 00 b8 0b b8 0b   # running, use 4, 300 s

@@ -1,6 +1,8 @@
 // qeld: the agent's executable. It picks the run mode and the controller,
-// constructs the library's QelServerInfo, and turns what happened into an
-// exit status. The agent's work itself is all in the library.
+// constructs the agent, and turns what happened into an exit status. The
+// agent's work itself is all in the library: QelHostAgent by default (a loop
+// that no publication failure can end, the host's true facts, every NIC's
+// addresses), QelServerInfo's own loop with --strict.
 //
 //   qeld --daemon       fork a daemon (pid file /var/run/qeld.pid), loop there
 //   qeld --foreground   loop in a worker thread until SIGTERM/SIGINT/SIGHUP
@@ -25,6 +27,7 @@
 #include "PniAccess.h"
 #include "qelBladeInfo.h"
 #include "qelConfSpaceData.h"
+#include "qelHostAgent.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
@@ -64,6 +67,11 @@ const char usageText[] =
     "  --shutdown         stop the watchdog only (what the system does at halt)\n"
     "\n"
     "OPTIONS:\n"
+    "  --strict           run the library's historic loop (QelServerInfo) instead of the\n"
+    "                     host agent: its first failing publication ends the loop and\n"
+    "                     stops the watchdog, the OS is named as on the hypervisor, one\n"
+    "                     NIC's PNI addresses replace another's. For sites that need\n"
+    "                     exactly the old behaviour\n"
     "  --simulate[=FILE]  use a simulated controller instead of the kernel's IPMI device:\n"
     "                     the default one (a blade with its management board, a PNI FRU\n"
     "                     whose two NIC ports carry this host's first two interface MACs,\n"
@@ -146,6 +154,7 @@ enum class Mode { None, Daemon, Foreground, Once, Shutdown };
 struct Options {
     Mode mode = Mode::None;
     bool simulate = false;
+    bool strict = false;
     std::string simulateFile;
     std::string bmcSocket;
     bool bmcSocketGiven = false;
@@ -205,6 +214,8 @@ int parse(int argc, char** argv, Options& o) {
             r = setMode(Mode::Once, "--once");
         } else if (arg == "--shutdown") {
             r = setMode(Mode::Shutdown, "--shutdown");
+        } else if (arg == "--strict") {
+            o.strict = true;
         } else if (arg == "--simulate") {
             o.simulate = true;
             if (hasValue) {
@@ -276,16 +287,24 @@ void atDaemonExit() {
     if (agent != nullptr && agent->running) ::_exit(exitLoopError);
 }
 
-int runDaemon(qeld::QeldPlatform& platform) {
+int runDaemon(bool strict) {
     std::atexit(atDaemonExit);
     // Returns only when the pid file exists (the library has printed why);
     // every other way ends inside, in the parent and in the daemon child.
-    QelServerInfo agent(QelServerInfo::Daemon);
-    (void)platform;
+    if (strict) {
+        QelServerInfo agent(QelServerInfo::Daemon);
+        return exitAlreadyRunning;
+    }
+    QelHostAgent agent;
+    agent.start(QelServerInfo::Daemon);
     return exitAlreadyRunning;
 }
 
-int runOnce() {
+int runOnce(bool strict) {
+    if (!strict) {
+        QelHostAgent agent;
+        return agent.start(QelServerInfo::Once) ? exitOk : exitLoopError;
+    }
     // The library's mode Once runs its pass inside the constructor and drops
     // the loop's exit code. qeld builds the agent with a mode that starts
     // nothing and runs the same single pass itself, with the mode set to
@@ -303,7 +322,7 @@ int runShutdown() {
     return exitOk;
 }
 
-int runForeground(qeld::QeldPlatform& platform) {
+int runForeground(qeld::QeldPlatform& platform, bool strict) {
     // Blocked before the worker exists, so it inherits the mask and every one
     // of these reaches the main thread's sigwait: the termination signals,
     // the alarm the loop arms as its watchdog safety net, and SIGUSR2 from
@@ -316,7 +335,14 @@ int runForeground(qeld::QeldPlatform& platform) {
     // In mode Thread the host program owns syslog.
     QelServerInfo::open_syslog();
     platform.watchWorker(true);
-    std::unique_ptr<QelServerInfo> agent(new QelServerInfo(QelServerInfo::Thread));
+    std::unique_ptr<QelServerInfo> agent;
+    if (strict) {
+        agent.reset(new QelServerInfo(QelServerInfo::Thread));
+    } else {
+        auto* host = new QelHostAgent;
+        agent.reset(host);
+        host->start(QelServerInfo::Thread);
+    }
 
     bool loopEnded = false;
     for (;;) {
@@ -440,9 +466,9 @@ int main(int argc, char** argv) {
     int status = exitAgentFailed;
     try {
         switch (o.mode) {
-        case Mode::Daemon: status = runDaemon(platform); break;
-        case Mode::Foreground: status = runForeground(platform); break;
-        case Mode::Once: status = runOnce(); break;
+        case Mode::Daemon: status = runDaemon(o.strict); break;
+        case Mode::Foreground: status = runForeground(platform, o.strict); break;
+        case Mode::Once: status = runOnce(o.strict); break;
         case Mode::Shutdown: status = runShutdown(); break;
         case Mode::None: break;
         }

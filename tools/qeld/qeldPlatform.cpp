@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -68,6 +69,12 @@ long residentKb() {
     return n == 2 ? resident * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
 }
 
+long long realtimeNanos() {
+    struct timespec t;
+    ::clock_gettime(CLOCK_REALTIME, &t);
+    return nanosOf(t);
+}
+
 }  // namespace
 
 struct QeldPlatform::Stats {
@@ -88,7 +95,8 @@ struct QeldPlatform::Stats {
     std::vector<Sample> samples;
 };
 
-QeldPlatform::QeldPlatform() : startPid_(::getpid()), mainThread_(::pthread_self()), stats_(new Stats) {}
+QeldPlatform::QeldPlatform()
+    : startPid_(::getpid()), mainThread_(::pthread_self()), startNanos_(realtimeNanos()), stats_(new Stats) {}
 
 QeldPlatform::~QeldPlatform() = default;
 
@@ -149,6 +157,7 @@ std::string QeldPlatform::path(const std::string& fixedPath) const {
 
 int QeldPlatform::socket(int domain, int type, int protocol) const {
     noteCall();
+    if (domain == AF_NETLINK) stats_->scanned = true;  // the host agent's inventory
     return qelPlatform::Platform::socket(domain, type, protocol);
 }
 
@@ -204,15 +213,27 @@ int QeldPlatform::condTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex,
     if (!scaled()) {
         rc = qelPlatform::Platform::condTimedWait(cond, mutex, deadline);
     } else {
-        struct timespec now;
-        ::clock_gettime(CLOCK_REALTIME, &now);
-        long long left = nanosOf(*deadline) - nanosOf(now);
+        // The deadline is on the agent's clock (time() below): the wait
+        // lasts 1/N of what is left on that clock.
+        const long long now = realtimeNanos();
+        long long left = nanosOf(*deadline) - agentNanos(now);
         if (left < 0) left = 0;
-        const struct timespec shorter = timespecOf(nanosOf(now) + left / scale_);
+        const struct timespec shorter = timespecOf(now + left / scale_);
         rc = qelPlatform::Platform::condTimedWait(cond, mutex, &shorter);
     }
     passStarts();
     return rc;
+}
+
+long long QeldPlatform::agentNanos(long long realNanos) const {
+    return startNanos_ + (realNanos - startNanos_) * static_cast<long long>(scale_);
+}
+
+time_t QeldPlatform::time() const {
+    // With a time scale the agent's clock runs N times as fast from the
+    // start, so its hourly duties come within an hour's test of 1/N.
+    if (!scaled()) return qelPlatform::Platform::time();
+    return static_cast<time_t>(agentNanos(realtimeNanos()) / nanosPerSecond);
 }
 
 // ---------------------------------------------------------------- stats

@@ -10,8 +10,9 @@
 //   with sigwait, so nothing polls.
 // - Test and bench aids, off by default:
 //   * time scale N: every wait of the loop (sleep, the worker's timed wait,
-//     the alarm) lasts 1/N of the time asked, so a test runs many passes of
-//     a 20-second period quickly. The daemon's 3-second start-up wait is
+//     the alarm) lasts 1/N of the time asked, and the clock (time()) runs N
+//     times as fast, so a test runs many passes of a 20-second period, and
+//     an hour of the agent's time, quickly. The daemon's 3-second start-up wait is
 //     never scaled.
 //   * child stall S: the daemon child stops S seconds before it writes the
 //     pid file (and so before it reports to its parent), to show the parent
@@ -71,6 +72,9 @@ public:
     unsigned int alarm(unsigned int seconds) const override;
     int condTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex,
                       const struct timespec* deadline) const override;
+    // With a time scale N: a clock that runs N times as fast from qeld's
+    // start (the timed wait's deadlines are on it).
+    time_t time() const override;
     void syslog(int priority, const char* text) const override;
 
     // A library call on the calling thread (see the sentinel above).
@@ -78,6 +82,7 @@ public:
 
 private:
     bool scaled() const;
+    long long agentNanos(long long realNanos) const;
     void passEnds() const;
     void passStarts() const;
 
@@ -90,6 +95,7 @@ private:
     bool watchWorker_ = false;
     pid_t startPid_;
     pthread_t mainThread_;
+    long long startNanos_;
     mutable std::atomic<bool> stalled_{false};
 
     // Pass accounting (stats); only the loop's thread touches it.

@@ -1,0 +1,401 @@
+#define QEL_SOURCE_NAME "qelHostAgent"
+
+#include "qelHostAgent.h"
+
+#include <sys/utsname.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <list>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "PniAccess.h"
+#include "qelAccessControl.h"
+#include "qelBladeInfo.h"
+#include "qelCondQueue.h"
+#include "qelConfSpaceData.h"
+#include "qelHostFacts.h"
+#include "qelIp.h"
+#include "qelIpmi.h"
+#include "qelIpmiWatchdog.h"
+#include "qelPlatform.h"
+#include "qelSystemInfo.h"
+
+using qelHostInventory::Interface;
+using qelHostInventory::QelHostInventory;
+using qelIpmi::QelIpmiWatchdog;
+using qelPlatform::platform;
+
+namespace {
+
+// The cadence of QelServerInfo's loop, which this loop keeps: a pass at least
+// every 20 s, shorter when the watchdog needs it, facts and addresses about
+// every 120 s.
+constexpr unsigned int maximumPeriod = 20;
+constexpr unsigned int infoInterval = 120;
+constexpr QelIpmiWatchdog::TimerUse agentTimerUse = QelIpmiWatchdog::TIMER_USE_SMS_OS;
+// The PNI area holds at most this many IPv6 addresses.
+constexpr std::size_t maxPniIpv6 = 15;
+
+constexpr const char* pidFilePath = "/var/run/qeld.pid";
+// openlog keeps the pointer: the identity must outlive every syslog call.
+const char daemonIdentity[] = "qel_daemon";
+
+void logText(int priority, const std::string& text) { platform().syslog(priority, text.c_str()); }
+
+// The message an exception carries. The library's error classes keep it in
+// errorText (their what() says nothing); everything else says it in what().
+template <typename Error>
+bool errorTextOf(const std::exception& error, std::string& text) {
+    const auto* own = dynamic_cast<const Error*>(&error);
+    if (own == nullptr) return false;
+    text = own->errorText;
+    return true;
+}
+
+std::string messageOf(const std::exception& e) {
+    std::string text;
+    const bool library =
+        errorTextOf<qelIpmi::QelIpmiError>(e, text) || errorTextOf<qelIpmi::QelIpmiLanError>(e, text) ||
+        errorTextOf<qelIpmi::QelIpmiWatchdogError>(e, text) || errorTextOf<PniAccessError>(e, text) ||
+        errorTextOf<qelIp::QelIpError>(e, text) || errorTextOf<qelSystemInfo::QelSystemInfoError>(e, text) ||
+        errorTextOf<QelConfSpaceDataError>(e, text) || errorTextOf<QelBladeInfoError>(e, text) ||
+        errorTextOf<QelCondQueueError>(e, text) || errorTextOf<QelAccessControlError>(e, text) ||
+        errorTextOf<qelHostInventory::QelHostInventoryError>(e, text);
+    if (!library) text = e.what();
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text.empty() ? "(no message)" : text;
+}
+
+// Of the interfaces that carry one MAC (a bond and its slaves, a bridge and
+// its port), the one whose addresses the NIC stands for: the one with an
+// IPv4 address, else the one with the most IPv6 addresses, else the first.
+const Interface* addressedInterface(const std::vector<const Interface*>& candidates) {
+    const Interface* best = nullptr;
+    auto rank = [](const Interface* itf) {
+        return std::make_pair(itf->primaryIpv4() != nullptr ? 1 : 0, itf->publishableIpv6().size());
+    };
+    for (const Interface* itf : candidates) {
+        if (itf->loopback()) continue;
+        if (best == nullptr || rank(itf) > rank(best)) best = itf;
+    }
+    return best;
+}
+
+std::list<IPv6Address> ipv6Of(const Interface& itf, std::size_t limit) {
+    std::list<IPv6Address> out;
+    for (const auto& entry : itf.publishableIpv6()) {
+        if (out.size() >= limit) break;
+        out.push_back(entry.address);
+    }
+    return out;
+}
+
+bool sameMac(const MacAddress& a, const MacAddress& b) { return std::memcmp(a.bytes, b.bytes, 6) == 0; }
+
+bool zeroMac(const MacAddress& mac) { return sameMac(mac, MacAddress()); }
+
+}  // namespace
+
+// ---------------------------------------------------------------- lifecycle
+
+QelHostAgent::QelHostAgent() : QelHostAgent(Options()) {}
+
+QelHostAgent::QelHostAgent(Options options)
+    : QelServerInfo(static_cast<RunMode>(0)), options_(std::move(options)) {
+    struct utsname names;
+    std::memset(&names, 0, sizeof names);
+    linux_ = platform().uname(&names) == 0 && std::strcmp(names.sysname, "Linux") == 0;
+    if (linux_) {
+        // What the host's own tools call it; on VMkernel the library's texts
+        // (from the hypervisor's product file) stand.
+        osName = qelHostFacts::readOsRelease().displayName();
+        osRelease = qelHostFacts::kernelRelease();
+    }
+    biosVersion_ = qelHostFacts::biosVersion();
+    std::lock_guard<std::mutex> lock(statusMutex_);
+    status_.osName = osName;
+    status_.platformText = osRelease;
+}
+
+QelHostAgent::~QelHostAgent() {
+    // The worker runs this class's loop: it must end before this class's
+    // members go, which is before QelServerInfo's destructor would stop it.
+    if (runMode == Thread) stop_main_action_thread();
+}
+
+bool QelHostAgent::start(RunMode mode) {
+    switch (mode) {
+    case Daemon: {
+        runMode = Daemon;
+        const std::string path = platform().path(pidFilePath);
+        if (FILE* existing = std::fopen(path.c_str(), "r")) {
+            std::fclose(existing);
+            std::fprintf(stderr, "It seems as if QELD daemon is already running.\n");
+            std::fprintf(stderr, "Delete file: '%s' if it does not\n", path.c_str());
+            return false;
+        }
+        platform().openlog(daemonIdentity, LOG_PID, LOG_LOCAL5);
+        platform().syslog(LOG_INFO, "starting");
+        start_main_action_daemon();
+        platform().closelog();
+        return true;
+    }
+    case Thread:
+        runMode = Thread;
+        start_main_action_thread();
+        return true;
+    case Once: {
+        runMode = Once;
+        int exitCode = 0;
+        main_action(exitCode);
+        return exitCode == 0;
+    }
+    default:
+        return false;
+    }
+}
+
+QelHostAgent::Status QelHostAgent::status() const {
+    std::lock_guard<std::mutex> lock(statusMutex_);
+    return status_;
+}
+
+// ---------------------------------------------------------------- failures
+
+void QelHostAgent::failed(const std::string& step, const std::string& text) {
+    {
+        std::lock_guard<std::mutex> lock(statusMutex_);
+        if (!status_.failing.emplace(step, text).second) return;  // logged when it started
+    }
+    logText(LOG_ERR, step + " failed: " + text);
+}
+
+void QelHostAgent::succeeded(const std::string& step) {
+    {
+        std::lock_guard<std::mutex> lock(statusMutex_);
+        if (status_.failing.erase(step) == 0) return;
+    }
+    logText(LOG_INFO, step + " works again");
+}
+
+bool QelHostAgent::guarded(const std::string& step, const std::function<void()>& work) {
+    try {
+        work();
+        succeeded(step);
+        return true;
+    } catch (const std::exception& e) {
+        failed(step, messageOf(e));
+    } catch (...) {
+        failed(step, "unknown exception");
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------- the loop
+
+void QelHostAgent::main_action(int& exitCode) {
+    bool holdsMutex = false;
+    if (runMode == Thread) {
+        // A second loop on the same object must not start.
+        if (pthread_mutex_trylock(&loopMutex) != 0) return;
+        holdsMutex = true;
+    }
+    const bool watchdogMode = runMode == Daemon || runMode == Thread;
+
+    int watchdogCountdown = 1;
+    unsigned int period = maximumPeriod;
+    int infoCountdown = 1;
+
+    do {
+        guarded("OS status report", [&] {
+            if (bladeInfo) bladeInfo->setOSStatus(QelBladeInfo::AC_OS_RUNNING);
+        });
+        if (watchdogMode) keepWatchdog(watchdogCountdown, period);
+        if (--infoCountdown <= 0) {
+            publish();
+            infoCountdown = static_cast<int>(std::max(1u, infoInterval / period));
+        }
+        {
+            std::lock_guard<std::mutex> lock(statusMutex_);
+            ++status_.passes;
+        }
+
+        if (runMode == Thread) {
+            // As in QelServerInfo's loop: a stop that came before this worker
+            // took the mutex shows as loopThread changed.
+            if (!pthread_equal(loopThread, pthread_self())) {
+                running = false;
+            } else {
+                struct timespec deadline;
+                deadline.tv_sec = platform().time() + static_cast<time_t>(period);
+                deadline.tv_nsec = 0;
+                if (platform().condTimedWait(&loopCond, &loopMutex, &deadline) != ETIMEDOUT) running = false;
+            }
+        } else if (runMode == Daemon) {
+            platform().sleep(period);  // a signal cuts it short
+        }
+    } while (running);
+    exitCode = 0;
+
+    if (watchdogMode) {
+        guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
+        guarded("agent connection status", [&] {
+            if (confSpace != nullptr) confSpace->changeAgentConnectionStatus(QelConfSpaceData::AgentDisconnected);
+        });
+    }
+    if (runMode == Daemon) guarded("OS status report", [&] { setShutdownInfo(); });
+
+    if (holdsMutex) pthread_mutex_unlock(&loopMutex);
+}
+
+void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
+    try {
+        if (updateWatchdog()) countdown = 1;
+        if (wdEnabled && --countdown <= 0) {
+            const unsigned int seconds = reset_watchdog(agentTimerUse, true);
+            if (seconds == 0) {
+                countdown = 1;
+                period = maximumPeriod;
+            } else {
+                // Reset every `seconds`, rounded down to whole passes, but at
+                // least once a pass.
+                period = std::min(seconds, maximumPeriod);
+                countdown = static_cast<int>(seconds / period);
+            }
+        }
+        succeeded("watchdog");
+    } catch (const std::exception& e) {
+        // The controller did not take a watchdog command: try again on the
+        // next pass. The alarm armed by the last good reset still stands as
+        // the safety net.
+        countdown = 1;
+        failed("watchdog", messageOf(e));
+    } catch (...) {
+        countdown = 1;
+        failed("watchdog", "unknown exception");
+    }
+}
+
+// ---------------------------------------------------------------- publication
+
+void QelHostAgent::publish() {
+    const long now = static_cast<long>(platform().time());
+    const bool due = lastPublication_ == 0 || now - lastPublication_ >= static_cast<long>(options_.republishSeconds) ||
+                     now < lastPublication_;  // the clock went back
+    guarded("host facts", [&] { publishFacts(due && lastPublication_ != 0); });
+
+    std::unique_ptr<QelHostInventory> inventory;
+    guarded("network inventory", [&] {
+        inventory.reset(new QelHostInventory(options_.inventory ? options_.inventory() : QelHostInventory()));
+    });
+    if (!inventory) return;
+
+    const bool changed = !published_ || *published_ != *inventory;
+    if (!changed && !pending_ && !due) return;
+
+    if (publishAddresses(*inventory)) {
+        published_ = std::move(inventory);
+        lastPublication_ = now == 0 ? 1 : now;
+        pending_ = false;
+    } else {
+        // Everything is written again on the next info pass.
+        pending_ = true;
+    }
+    std::lock_guard<std::mutex> lock(statusMutex_);
+    if (!pending_) ++status_.publications;
+    status_.publicationPending = pending_;
+}
+
+void QelHostAgent::publishFacts(bool refresh) {
+    if (bladeInfo) {
+        bladeInfo->setOSPlatformInfo(osName, osRelease);
+        bladeInfo->setOSStatus(QelBladeInfo::AC_OS_RUNNING);
+    }
+    if (confSpace == nullptr) return;
+    // What the controller holds was read when the agent started and is kept
+    // current by the writes below; once per republication period it is read
+    // again, so a controller that lost it gets it back.
+    if (refresh) confSpace->update(false);
+    std::vector<std::string> refused;
+    if (!hostName.empty() && confSpace->systemName != hostName && !confSpace->setSystemName(hostName))
+        refused.push_back("system name");
+    if (!osName.empty() && confSpace->serverOperatingSystem != osName &&
+        !confSpace->setServerOperatingSystem(osName))
+        refused.push_back("operating system");
+    if (!biosVersion_.empty() && confSpace->biosVersion != biosVersion_ && !confSpace->setBiosVersion(biosVersion_))
+        refused.push_back("BIOS version");
+    if (refused.empty()) return;
+    std::string text = "the controller refused the ";
+    for (std::size_t i = 0; i < refused.size(); ++i) text += (i ? ", " : "") + refused[i];
+    throw std::runtime_error(text);
+}
+
+bool QelHostAgent::publishAddresses(const QelHostInventory& inventory) {
+    const bool slots = guarded("configuration-space addresses", [&] { publishSlots(inventory); });
+    // With PNI records the NICs' addresses go there, else to the board.
+    const bool nics = pniAccess ? guarded("PNI addresses", [&] { publishPni(inventory); })
+                                : guarded("board addresses", [&] { publishBoard(inventory); });
+    return slots && nics;
+}
+
+void QelHostAgent::publishSlots(const QelHostInventory& inventory) {
+    if (confSpace == nullptr) return;
+    std::vector<IPv4Address> slots;
+    for (const Interface& itf : inventory.interfaces()) {
+        if (slots.size() == 4) break;
+        if (itf.loopback()) continue;
+        if (const auto* primary = itf.primaryIpv4()) slots.push_back(primary->address);
+    }
+    slots.resize(4);  // slots without an interface are cleared
+    bool ok = confSpace->setIpAddr_1(slots[0]);
+    ok = confSpace->setIpAddr_2(slots[1]) && ok;
+    ok = confSpace->setIpAddr_3(slots[2]) && ok;
+    ok = confSpace->setIpAddr_4(slots[3]) && ok;
+    if (!ok) throw std::runtime_error("the controller refused an address slot");
+}
+
+void QelHostAgent::publishPni(const QelHostInventory& inventory) {
+    const int count = pniAccess->getNumberOfMacAddresses();
+    std::vector<MacAddress> macs;
+    for (int n = 0; n < count; ++n) {
+        const MacAddress mac = pniAccess->getMacAddress(n);
+        if (!zeroMac(mac)) macs.push_back(mac);
+    }
+    // Clear once, then write each NIC: clearing before each would leave only
+    // the last NIC's addresses.
+    if (!pniAccess->clearIpAddressData()) throw std::runtime_error("clearing the PNI addresses failed");
+    int refused = 0;
+    for (const MacAddress& mac : macs) {
+        const Interface* itf = addressedInterface(inventory.findByMac(mac));
+        if (itf == nullptr) continue;
+        if (const auto* primary = itf->primaryIpv4())
+            if (!pniAccess->setIpv4Address(mac, primary->address)) ++refused;
+        const std::list<IPv6Address> ipv6 = ipv6Of(*itf, maxPniIpv6);
+        if (!ipv6.empty() && !pniAccess->setIpv6Address(mac, ipv6)) ++refused;
+    }
+    if (refused != 0)
+        throw std::runtime_error(std::to_string(refused) + " PNI address write" + (refused == 1 ? "" : "s") +
+                                 " failed");
+}
+
+void QelHostAgent::publishBoard(const QelHostInventory& inventory) {
+    if (!bladeInfo || !bladeInfo->bladeSystem) return;
+    int refused = 0;
+    for (const auto& port : bladeInfo->macAddresses) {
+        const Interface* itf = addressedInterface(inventory.findByMac(port.second));
+        if (itf == nullptr) continue;
+        if (const auto* primary = itf->primaryIpv4())
+            if (!bladeInfo->sendIpAddressInfo(primary->address, port.second)) ++refused;
+        for (const IPv6Address& address : ipv6Of(*itf, static_cast<std::size_t>(-1)))
+            if (!bladeInfo->sendIpAddressInfo(address, port.second)) ++refused;
+    }
+    if (refused != 0)
+        throw std::runtime_error(std::to_string(refused) + " address report" + (refused == 1 ? "" : "s") +
+                                 " to the board failed");
+}

@@ -1,0 +1,116 @@
+// The agent for Linux hosts: QelServerInfo's objects and run modes with a
+// loop of its own, in which nothing but a termination request ends the loop.
+//
+// QelServerInfo's loop keeps the historic behaviour other programs rely on:
+// the first exception of a publication ends it and stops the watchdog, the
+// operating system is named as on the hypervisor, one NIC's addresses are
+// cleared by the next. QelHostAgent replaces the loop through main_action
+// and keeps the rest:
+// - Watchdog keeping is QelServerInfo's own (updateWatchdog, reset_watchdog,
+//   the same period, the SIGALRM safety net, the stop and the connection
+//   status at the end). A failing watchdog command is retried on the next
+//   pass instead of ending the loop.
+// - Every other step (OS status, the facts, the network inventory, the
+//   configuration space, the PNI records, the board) runs guarded: an
+//   exception is caught and logged, and the next pass comes. A failure is
+//   logged once when it starts, with its text, and once when it clears.
+// - The facts are the host's: the OS name from os-release (PRETTY_NAME,
+//   else NAME and VERSION, else "Linux") and the kernel release as platform
+//   text; on VMkernel the library's own. The configuration-space variables
+//   that describe the host (system name, operating system, BIOS version)
+//   are written when they differ from what the controller holds; those an
+//   administrator owns (cabinet location, contact, description) never are.
+// - The addresses come from the complete inventory (qelHostInventory): the
+//   four configuration-space slots get the primary IPv4 address of the
+//   first four interfaces that have one, in index order (slots without one
+//   are cleared); every NIC function of the PNI record whose MAC a host
+//   interface carries gets that interface's primary IPv4 address and its
+//   publishable IPv6 addresses (at most 15), after one clearing of all of
+//   them; without PNI the board's ports get the same. IPv6-only interfaces
+//   publish their IPv6 addresses. Publication happens when the inventory
+//   changed, after a publication that did not complete, and at least every
+//   republishSeconds in any case.
+//
+// A base-class constructor cannot reach a derived main_action, so the agent
+// is built with a mode that starts nothing and start() then runs the chosen
+// mode: Daemon, Thread or Once (Shutdown needs no agent: QelServerInfo's
+// mode Shutdown does it).
+//
+// Thread safety: as QelServerInfo. status() may be called from any thread.
+#ifndef QEL_HOST_AGENT_H
+#define QEL_HOST_AGENT_H
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "qelExport.h"
+#include "qelHostInventory.h"
+#include "qelServerInfo.h"
+
+class QEL_EXPORT QelHostAgent : public QelServerInfo {
+public:
+    struct Options {
+        // Where the interfaces come from; the kernel (QelHostInventory())
+        // when unset. Tests present a host through it.
+        std::function<qelHostInventory::QelHostInventory()> inventory;
+        // The longest time between two publications of the addresses and
+        // facts, so a controller that lost its state is repaired.
+        unsigned int republishSeconds = 3600;
+    };
+
+    // What the agent did last; for status displays.
+    struct Status {
+        std::string osName;       // as published
+        std::string platformText; // as published
+        unsigned long passes = 0;
+        unsigned long publications = 0;  // complete publications
+        bool publicationPending = false; // the last one did not complete
+        std::map<std::string, std::string> failing;  // step -> text, while it fails
+    };
+
+    // Builds QelServerInfo's objects (without starting anything) and learns
+    // the host's facts. Throws as QelServerInfo's constructor does.
+    QelHostAgent();
+    explicit QelHostAgent(Options options);
+    ~QelHostAgent() override;
+
+    // Runs `mode` as QelServerInfo's constructor would: Daemon forks (false
+    // when the pid file exists; the reason is on standard error), Thread
+    // starts the worker, Once runs one pass here. Other modes: false.
+    bool start(RunMode mode);
+
+    void main_action(int& exitCode) override;
+
+    [[nodiscard]] Status status() const;
+
+    // One info pass: the facts, then the addresses when due. Public for
+    // callers that drive passes themselves; never throws.
+    void publish();
+
+private:
+    // Runs one step; false (and the failure logged once) when it threw.
+    bool guarded(const std::string& step, const std::function<void()>& work);
+    void failed(const std::string& step, const std::string& text);
+    void succeeded(const std::string& step);
+    void keepWatchdog(int& countdown, unsigned int& period);
+    void publishFacts(bool refresh);
+    // True when every write went through; the others throw what failed.
+    bool publishAddresses(const qelHostInventory::QelHostInventory& inventory);
+    void publishSlots(const qelHostInventory::QelHostInventory& inventory);
+    void publishPni(const qelHostInventory::QelHostInventory& inventory);
+    void publishBoard(const qelHostInventory::QelHostInventory& inventory);
+
+    Options options_;
+    bool linux_ = false;
+    std::string biosVersion_;
+    std::unique_ptr<qelHostInventory::QelHostInventory> published_;
+    long lastPublication_ = 0;  // platform time of the last complete one
+    bool pending_ = false;
+    mutable std::mutex statusMutex_;
+    Status status_;
+};
+
+#endif
