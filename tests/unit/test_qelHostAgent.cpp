@@ -1,0 +1,520 @@
+// The host agent: its loop against the simulated controller, pass by pass on
+// the controller's own clock. The host is an agentTest::AgentPlatform (paths
+// under a temporary root, kernel and host name, waits, syslog); its network
+// is a complete inventory the test hands the agent, which can change or fail
+// between passes.
+//
+// Loop tests build the agent (which starts nothing), set the mode of the
+// daemon's loop and call main_action: the daemon's loop without the fork.
+// Each wait advances the controller's clock by the period asked, so the
+// watchdog really counts down between passes.
+#include "qelHostAgent.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <syslog.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "PniAccess.h"
+#include "agentPlatform.h"
+#include "qelConfSpaceData.h"
+#include "qelIpmi.h"
+#include "qelIpmiCommands.h"
+#include "qelSimBoard.h"
+#include "qelSimConfSpace.h"
+#include "qelSimDevice.h"
+#include "qelSimFru.h"
+#include "qelSimWatchdog.h"
+#include "qelSmbios.h"
+#include "smbiosImage.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using agentTest::LogLine;
+using qelHostInventory::Interface;
+using qelHostInventory::Ipv4AddressEntry;
+using qelHostInventory::Ipv6AddressEntry;
+using qelHostInventory::QelHostInventory;
+using qelSim::Bytes;
+namespace netfn = qelIpmi::netfn;
+namespace cmd = qelIpmi::cmd;
+
+MacAddress macOf(unsigned char last, unsigned char group = 0x0a) {
+    MacAddress mac;
+    const unsigned char bytes[6] = {0x02, 0x00, 0x00, 0x00, group, last};
+    std::memcpy(mac.bytes, bytes, 6);
+    return mac;
+}
+
+Ipv4AddressEntry v4entry(const std::string& text, bool secondary = false, const std::string& label = "") {
+    Ipv4AddressEntry e;
+    e.address = IPv4Address(text);
+    e.prefixLength = 24;
+    e.secondary = secondary;
+    e.label = label;
+    return e;
+}
+
+Ipv6AddressEntry v6entry(const std::string& text, std::uint32_t flags = 0x80 /* permanent */) {
+    in6_addr raw{};
+    inet_pton(AF_INET6, text.c_str(), &raw);
+    return Ipv6AddressEntry{IPv6Address(raw), 64, Ipv6AddressEntry::Universe, flags};
+}
+
+Interface nic(int index, const std::string& name, const MacAddress& mac, std::vector<Ipv4AddressEntry> ipv4,
+              std::vector<Ipv6AddressEntry> ipv6 = {}, unsigned int flags = IFF_UP | IFF_RUNNING) {
+    Interface itf;
+    itf.index = index;
+    itf.name = name;
+    itf.hasMac = true;
+    itf.mac = mac;
+    itf.mtu = 1500;
+    itf.flags = flags;
+    itf.ipv4 = std::move(ipv4);
+    itf.ipv6 = std::move(ipv6);
+    return itf;
+}
+
+Interface loopback() {
+    Interface lo = nic(1, "lo", MacAddress(), {v4entry("127.0.0.1")}, {v6entry("::1")},
+                       IFF_UP | IFF_RUNNING | IFF_LOOPBACK);
+    lo.hasMac = false;
+    return lo;
+}
+
+Bytes v4(const char* text) {
+    unsigned char b[4];
+    inet_pton(AF_INET, text, b);
+    return Bytes(b, b + 4);
+}
+Bytes v6(const char* text) {
+    unsigned char b[16];
+    inet_pton(AF_INET6, text, b);
+    return Bytes(b, b + 16);
+}
+
+// The network the agent sees; a test changes it or makes it fail between
+// passes.
+class Network {
+public:
+    void set(std::vector<Interface> interfaces) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        interfaces_ = std::move(interfaces);
+    }
+    // The inventory fails on the calls for which `rule` says so.
+    void failWhen(std::function<bool(int call)> rule) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        fail_ = std::move(rule);
+    }
+    int calls() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return calls_;
+    }
+    QelHostInventory read() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++calls_;
+        if (fail_ && fail_(calls_))
+            throw qelHostInventory::QelHostInventoryError("netlink: dump interrupted 5 times", "test", 1);
+        return QelHostInventory(interfaces_);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Interface> interfaces_;
+    std::function<bool(int)> fail_;
+    int calls_ = 0;
+};
+
+class HostAgentTest : public ::testing::Test {
+protected:
+    smbiosTest::TempDir root;
+    agentTest::AgentPlatform host{root.path()};
+    qelSim::ScopedSimulator sim;
+    qelPlatform::Platform* previous = nullptr;
+    Network network;
+
+    void SetUp() override {
+        previous = qelPlatform::setPlatform(&host);
+        qelSmbios::QelSmbios::resetOsForTesting();
+        writeFile("/etc/os-release", "NAME=\"Debian GNU/Linux\"\nVERSION=\"12 (bookworm)\"\n"
+                                     "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n");
+        host.setKernel("Linux", "6.1.0-27-amd64", "#1 SMP PREEMPT_DYNAMIC");
+        host.setHostName("web-07");
+        // The software watchdog on at 300 s, as the configuration space says.
+        sim->confSpace().setByte(QelConfSpaceData::SoftWatchdogEnabled, 1);
+        sim->confSpace().setWord(QelConfSpaceData::SoftWatchdogTime, 300);
+    }
+    void TearDown() override {
+        QelServerInfo::this_QelServerInfo = nullptr;
+        qelSmbios::QelSmbios::resetOsForTesting();
+        qelPlatform::setPlatform(previous);
+    }
+
+    void writeFile(const std::string& fixed, const std::string& content) {
+        const std::string path = root.path() + fixed;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path) << content;
+    }
+
+    QelHostAgent::Options options(unsigned int republish = 3600) {
+        QelHostAgent::Options o;
+        o.inventory = [this] { return network.read(); };
+        o.republishSeconds = republish;
+        return o;
+    }
+    std::unique_ptr<QelHostAgent> agent(unsigned int republish = 3600) {
+        auto a = std::make_unique<QelHostAgent>(options(republish));
+        sim->clearRequests();
+        return a;
+    }
+
+    // Runs the daemon's loop for `passes` passes. Every wait moves the
+    // controller's clock (and the host's) on by the period asked; `between`
+    // runs after each pass.
+    int run(QelHostAgent& a, int passes, std::function<void(int pass)> between = nullptr) {
+        a.runMode = QelServerInfo::Daemon;
+        host.setTime(1700000000);
+        clock_ = 1700000000;
+        host.onSleep = [&, passes, between](int call, unsigned int seconds) {
+            sim->advanceMs(static_cast<std::uint64_t>(seconds) * 1000);
+            clock_ += seconds;
+            host.setTime(clock_);
+            if (between) between(call);
+            if (call >= passes) a.running = false;
+            return 0u;
+        };
+        a.running = true;
+        int exitCode = 99;
+        a.main_action(exitCode);
+        return exitCode;
+    }
+
+    size_t count(unsigned char netFn, unsigned char command) { return sim->requests(netFn, command).size(); }
+    size_t resets() { return count(netfn::app, cmd::resetWatchdogTimer); }
+
+    std::vector<LogLine> logsContaining(const std::string& part) {
+        std::vector<LogLine> out;
+        for (const LogLine& l : host.logs())
+            if (l.text.find(part) != std::string::npos) out.push_back(l);
+        return out;
+    }
+
+    // The NIC specific area of (adapter, port, function), as a fresh reader sees it.
+    Bytes nicArea(unsigned char adapter, unsigned char port, unsigned char function, int length) {
+        PniAccess reader;
+        qelIpmi::QelIpmi ipmi(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+        Bytes area(static_cast<size_t>(length), 0);
+        EXPECT_EQ(reader.readPortFnSpecificArea(ipmi, adapter, port, function, length, area.data()),
+                  PniAccess::resultOk);
+        return area;
+    }
+    std::string slot(int n) {
+        const auto value = sim->confSpace().variable(QelConfSpaceData::IpAddr_1 + static_cast<unsigned int>(n) - 1);
+        if (!value || value->size() != 4) return "?";
+        char text[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, value->data(), text, sizeof text);
+        return text;
+    }
+
+    time_t clock_ = 0;
+};
+
+// ---------------------------------------------------------------- facts
+
+TEST_F(HostAgentTest, OnLinuxTheOsIsNamedByOsReleaseAndTheKernelRelease) {
+    auto a = agent();
+    EXPECT_EQ(a->osName, "Debian GNU/Linux 12 (bookworm)");
+    EXPECT_EQ(a->osRelease, "6.1.0-27-amd64");
+    EXPECT_EQ(a->status().osName, "Debian GNU/Linux 12 (bookworm)");
+}
+
+TEST_F(HostAgentTest, WithoutOsReleaseTheOsIsLinux) {
+    std::filesystem::remove(root.path() + "/etc/os-release");
+    auto a = agent();
+    EXPECT_EQ(a->osName, "Linux");
+}
+
+TEST_F(HostAgentTest, OnVmkernelTheLibrarysTextsStand) {
+    host.setKernel("VMkernel", "8.0.2", "#1 SMP Release build-22380479");
+    auto a = agent();
+    EXPECT_EQ(a->osName.compare(0, 12, "VMware ESXi "), 0) << a->osName;
+}
+
+TEST_F(HostAgentTest, TheBoardGetsTheTrueOsNameAndKernelRelease) {
+    sim->board().setSlot(3);
+    sim->board().setPorts({{1, {0x02, 0, 0, 0, 0x0a, 1}}, {2, {0x02, 0, 0, 0, 0x0a, 2}}});
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    ASSERT_TRUE(a->start(QelServerInfo::Once));
+    ASSERT_TRUE(sim->board().osText().has_value());
+    EXPECT_EQ(sim->board().osText()->text, "Debian GNU/Linux 12 (bookworm)");
+    ASSERT_TRUE(sim->board().platformText().has_value());
+    EXPECT_EQ(sim->board().platformText()->text, "6.1.0-27-amd64");
+}
+
+TEST_F(HostAgentTest, HostVariablesAreWrittenWhenTheyDifferAndAdministratorsOnesNever) {
+    sim->confSpace().setText(QelConfSpaceData::SystemName, "old-name");
+    sim->confSpace().setText(QelConfSpaceData::ServerOperatingSystem, "Debian GNU/Linux 12 (bookworm)");
+    sim->confSpace().setText(QelConfSpaceData::CabinetLocation, "Row 4");
+    sim->confSpace().setText(QelConfSpaceData::SystemContact, "ops@example.org");
+    sim->confSpace().setText(QelConfSpaceData::SystemDescription, "frontend");
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(sim->confSpace().text(QelConfSpaceData::SystemName), "web-07");
+    EXPECT_EQ(sim->confSpace().writeCount(QelConfSpaceData::ServerOperatingSystem), 0) << "already right";
+    EXPECT_EQ(sim->confSpace().writeCount(QelConfSpaceData::CabinetLocation), 0);
+    EXPECT_EQ(sim->confSpace().writeCount(QelConfSpaceData::SystemContact), 0);
+    EXPECT_EQ(sim->confSpace().writeCount(QelConfSpaceData::SystemDescription), 0);
+    EXPECT_EQ(sim->confSpace().text(QelConfSpaceData::CabinetLocation), "Row 4");
+}
+
+TEST_F(HostAgentTest, BiosVersionComesFromSmbiosTypeZero) {
+    Bytes body(0x12 - 4, 0);
+    body[0] = 1;
+    body[1] = 2;
+    const Bytes table = smbiosTest::concat({smbiosTest::structure(0, 0, body, {"Vendor", "V2.10"}),
+                                            smbiosTest::endOfTable(1)});
+    smbiosTest::writeLinuxMemory(root.path(), 0xF0000, 0xE0000, table, 2);
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(sim->confSpace().text(QelConfSpaceData::BiosVersion), "V2.10");
+}
+
+// ---------------------------------------------------------------- addresses
+
+TEST_F(HostAgentTest, SlotsTakeTheFirstFourPrimaryIpv4AddressesInIndexOrder) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2"), v4entry("10.0.0.200", true, "eth0:vip")}),
+                 nic(3, "eth1", macOf(2), {}, {v6entry("2001:db8::3")}),
+                 nic(4, "eth2", macOf(3), {v4entry("10.0.2.4")}), nic(5, "eth3", macOf(4), {v4entry("10.0.3.5")}),
+                 nic(6, "eth4", macOf(5), {v4entry("10.0.4.6")}), nic(7, "eth5", macOf(6), {v4entry("10.0.5.7")})});
+    auto a = agent();
+    EXPECT_TRUE(a->start(QelServerInfo::Once));
+    EXPECT_EQ(slot(1), "10.0.0.2");
+    EXPECT_EQ(slot(2), "10.0.2.4") << "eth1 has no IPv4 address, the secondary is no slot of its own";
+    EXPECT_EQ(slot(3), "10.0.3.5");
+    EXPECT_EQ(slot(4), "10.0.4.6");
+}
+
+TEST_F(HostAgentTest, SlotsWithoutAnInterfaceAreCleared) {
+    sim->confSpace().setVariable(QelConfSpaceData::IpAddr_4, v4("192.0.2.99"));
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(slot(1), "10.0.0.2");
+    EXPECT_EQ(slot(4), "0.0.0.0");
+}
+
+class HostAgentWithPni : public HostAgentTest {
+protected:
+    void SetUp() override {
+        HostAgentTest::SetUp();
+        // Two NIC functions: adapter 0, ports 0 and 1, MACs 02:00:00:00:0a:01 and :02.
+        sim->fru().setImage(qelSim::PniImageBuilder::typical().build().bytes);
+    }
+};
+
+TEST_F(HostAgentWithPni, EveryNicKeepsItsAddresses) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("192.0.2.50")}, {v6entry("2001:db8::50")}),
+                 nic(3, "eth1", macOf(2), {v4entry("192.0.2.60")})});
+    auto a = agent();
+    ASSERT_NE(a->pniAccess, nullptr);
+    a->start(QelServerInfo::Once);
+    const Bytes first = nicArea(0, 0, 0, 45 + 4 + 16);
+    EXPECT_EQ(first[44], 0x11) << "one IPv6 and one IPv4 address";
+    EXPECT_EQ(Bytes(first.begin() + 45, first.begin() + 49), v4("192.0.2.50"));
+    EXPECT_EQ(Bytes(first.begin() + 49, first.end()), v6("2001:db8::50"));
+    const Bytes second = nicArea(0, 1, 0, 49);
+    EXPECT_EQ(second[44], 0x01);
+    EXPECT_EQ(Bytes(second.begin() + 45, second.end()), v4("192.0.2.60"));
+    EXPECT_EQ(qelSim::validatePniImage(sim->fru().image()), "");
+}
+
+TEST_F(HostAgentWithPni, AnIpv6OnlyNicPublishesItsPublishableIpv6Addresses) {
+    const std::uint32_t tentative = 0x40, dadFailed = 0x08;
+    network.set({loopback(), nic(2, "eth0", macOf(1), {},
+                                 {v6entry("2001:db8::1"), v6entry("2001:db8::2", tentative),
+                                  v6entry("2001:db8::3", dadFailed), v6entry("fe80::1")})});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    const Bytes area = nicArea(0, 0, 0, 45 + 32);
+    EXPECT_EQ(area[44], 0x20) << "two IPv6 addresses, no IPv4";
+    EXPECT_EQ(Bytes(area.begin() + 45, area.begin() + 61), v6("2001:db8::1"));
+    EXPECT_EQ(Bytes(area.begin() + 61, area.end()), v6("fe80::1"));
+}
+
+TEST_F(HostAgentWithPni, AtMostFifteenIpv6AddressesGoToANic) {
+    std::vector<Ipv6AddressEntry> many;
+    for (int i = 1; i <= 20; ++i) many.push_back(v6entry("2001:db8::" + std::to_string(i)));
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("192.0.2.1")}, many)});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(nicArea(0, 0, 0, 45)[44], 0xF1);
+    EXPECT_EQ(qelSim::validatePniImage(sim->fru().image()), "");
+}
+
+TEST_F(HostAgentWithPni, AFailedFruWriteIsLoggedOnceAndRetriedOnTheNextInfoPass) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("192.0.2.50")}),
+                 nic(3, "eth1", macOf(2), {v4entry("192.0.2.60")})});
+    auto a = agent();
+    sim->fru().failWrite(2, 0xC0);
+    // Info passes come every 6 passes of 20 s.
+    EXPECT_EQ(run(*a, 7), 0);
+    EXPECT_THAT(logsContaining("PNI addresses failed"), ::testing::SizeIs(1));
+    EXPECT_THAT(logsContaining("PNI addresses works again"), ::testing::SizeIs(1));
+    EXPECT_EQ(nicArea(0, 0, 0, 49)[44], 0x01);
+    EXPECT_EQ(nicArea(0, 1, 0, 49)[44], 0x01);
+    EXPECT_FALSE(a->status().publicationPending);
+}
+
+// ---------------------------------------------------------------- when to publish
+
+TEST_F(HostAgentTest, AnUnchangedNetworkIsPublishedOnceUntilTheHourIsOver) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent(600);
+    run(*a, 6 * 6);  // six info passes, 120 s apart: 0, 120, ..., 600
+    EXPECT_EQ(sim->confSpace().writeCount(QelConfSpaceData::IpAddr_1), 2 + 1) << "cleared at start, published at 0 and at 600 s";
+    EXPECT_EQ(network.calls(), 6);
+    EXPECT_EQ(a->status().publications, 2u);
+}
+
+TEST_F(HostAgentTest, AChangedNetworkIsPublishedOnTheNextInfoPass) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    run(*a, 7, [&](int pass) {
+        if (pass == 3) network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.3")})});
+    });
+    EXPECT_EQ(slot(1), "10.0.0.3");
+}
+
+// ---------------------------------------------------------------- the loop goes on
+
+TEST_F(HostAgentTest, AnInventoryFailingEveryOtherPassNeverEndsTheLoopOrTheWatchdog) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2"), v4entry("10.0.0.9", true)})});
+    network.failWhen([](int call) { return call % 2 == 0; });
+    auto a = agent();
+    EXPECT_EQ(run(*a, 6 * 10), 0);
+    EXPECT_EQ(network.calls(), 10);
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+    EXPECT_GE(resets(), 10u);
+    // Started and cleared five times each: logged on each change only.
+    EXPECT_THAT(logsContaining("network inventory failed: netlink: dump interrupted 5 times"),
+                ::testing::SizeIs(5));
+    EXPECT_THAT(logsContaining("network inventory works again"), ::testing::SizeIs(4));
+    EXPECT_EQ(slot(1), "10.0.0.2");
+}
+
+TEST_F(HostAgentTest, AnInventoryThatNeverWorksIsLoggedOnce) {
+    network.failWhen([](int) { return true; });
+    auto a = agent();
+    run(*a, 6 * 4);
+    EXPECT_THAT(logsContaining("network inventory failed"), ::testing::SizeIs(1));
+    EXPECT_EQ(a->status().failing.count("network inventory"), 1u);
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+}
+
+TEST_F(HostAgentTest, AControllerBusyForAMinuteNeitherEndsTheLoopNorLetsTheWatchdogExpire) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    size_t resetsBefore = 0, resetsDuring = 0;
+    bool runningLate = false;
+    // Busy from 90 s after a reset (the worst moment) for a minute of the
+    // controller's clock: every exchange then answers 0xC0.
+    run(*a, 40, [&](int pass) {
+        if (pass >= 9 && pass < 12)
+            for (int i = 0; i < 200; ++i) sim->injectFault(qelSim::Fault::completionCode(0xC0));
+        if (pass == 9) resetsBefore = resets();
+        if (pass == 12) {
+            sim->clearFaults();
+            resetsDuring = resets();
+        }
+        if (pass == 39) runningLate = sim->watchdog().state().running;
+    });
+    EXPECT_GT(resetsDuring, resetsBefore) << "resets were tried while it was busy";
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+    EXPECT_TRUE(runningLate) << "kept after the busy minute";
+    EXPECT_EQ(host.sleeps().size(), 40u);
+}
+
+TEST_F(HostAgentTest, TheLoopEndsOnlyOnTerminationAndThenStopsTheWatchdog) {
+    network.set({loopback()});
+    auto a = agent();
+    EXPECT_EQ(run(*a, 3), 0);
+    EXPECT_FALSE(sim->watchdog().state().running);
+    EXPECT_EQ(sim->confSpace().agentState(), QelConfSpaceData::AgentDisconnected);
+}
+
+// ---------------------------------------------------------------- run modes
+
+TEST_F(HostAgentTest, OnceSendsNoWatchdogCommand) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    EXPECT_TRUE(a->start(QelServerInfo::Once));
+    EXPECT_EQ(count(netfn::app, cmd::setWatchdogTimer), 0u);
+    EXPECT_EQ(count(netfn::app, cmd::resetWatchdogTimer), 0u);
+    EXPECT_EQ(slot(1), "10.0.0.2");
+}
+
+TEST_F(HostAgentTest, ThreadModeRunsThisLoopUntilStopped) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    std::mutex m;
+    std::condition_variable cv;
+    int waits = 0;
+    host.onCondWait = [&](int, pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec*) {
+        {
+            std::lock_guard<std::mutex> lock(m);
+            ++waits;
+        }
+        cv.notify_all();
+        // The real wait, long enough that only the stop ends it.
+        struct timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 60;
+        return pthread_cond_timedwait(cond, mutex, &deadline);
+    };
+    auto a = agent();
+    ASSERT_TRUE(a->start(QelServerInfo::Thread));
+    {
+        std::unique_lock<std::mutex> lock(m);
+        ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(30), [&] { return waits >= 1; }));
+    }
+    EXPECT_EQ(network.calls(), 1) << "the derived loop ran (QelServerInfo's would not use the inventory)";
+    a->stop_main_action_thread();
+    EXPECT_FALSE(sim->watchdog().state().running);
+    a.reset();  // no second stop, no hang
+}
+
+TEST_F(HostAgentTest, DaemonStartIsRefusedByAnExistingPidFile) {
+    writeFile("/var/run/qeld.pid", "4242\n");
+    auto a = agent();
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(a->start(QelServerInfo::Daemon));
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("It seems as if QELD daemon is already running."), std::string::npos);
+    EXPECT_NE(err.find(root.path() + "/var/run/qeld.pid"), std::string::npos);
+}
+
+TEST_F(HostAgentTest, OtherModesStartNothing) {
+    auto a = agent();
+    EXPECT_FALSE(a->start(QelServerInfo::Shutdown));
+    EXPECT_FALSE(a->start(static_cast<QelServerInfo::RunMode>(0)));
+    EXPECT_EQ(network.calls(), 0);
+}
+
+}  // namespace
