@@ -23,11 +23,13 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "PniAccess.h"
 #include "qelBladeInfo.h"
 #include "qelConfSpaceData.h"
 #include "qelHostAgent.h"
+#include "qelHostFacts.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
@@ -261,6 +263,20 @@ int parse(int argc, char** argv, Options& o) {
     return -1;
 }
 
+// True when <root>/dev/mem opens and holds a 32-bit SMBIOS entry point where
+// the reader searches for one (the BIOS area, 0xF0000 to 0xFFFFF).
+bool devMemHasSmbios(const std::string& root) {
+    std::FILE* mem = std::fopen((root + "/dev/mem").c_str(), "rb");
+    if (mem == nullptr) return false;
+    bool found = false;
+    std::vector<unsigned char> area(0x10000);
+    if (std::fseek(mem, 0xF0000, SEEK_SET) == 0 && std::fread(area.data(), 1, area.size(), mem) == area.size())
+        for (std::size_t at = 0; at + 4 <= area.size() && !found; at += 16)
+            found = std::memcmp(&area[at], "_SM_", 4) == 0;
+    std::fclose(mem);
+    return found;
+}
+
 qeld::QeldPlatform* thePlatform = nullptr;
 
 // Runs first in every exit() of the daemon's processes (qeld's handler is
@@ -443,6 +459,19 @@ int main(int argc, char** argv) {
         } catch (const std::exception& e) {
             complain(std::string("simulated blade: ") + e.what());
             return exitSimulator;
+        }
+    }
+    // On the real host: where /dev/mem is refused (kernel lockdown, Secure
+    // Boot) or holds no entry point, the host agent reads the firmware's
+    // tables as the kernel exports them instead, through the same seam.
+    if (controller->kind() == qeld::Controller::Kind::Kernel && !o.strict && !devMemHasSmbios(o.root)) {
+        const std::string image = qelHostFacts::firmwareTablesImage();
+        if (!image.empty()) {
+            try {
+                platform.setMemoryImage(qeld::memoryImageFile(image, "qeld-firmware-smbios"));
+            } catch (const std::exception& e) {
+                complain(std::string("firmware tables: ") + e.what());
+            }
         }
     }
     static qeld::WatchingDeviceProvider provider(controller->provider(), platform);

@@ -86,12 +86,16 @@ std::string simulatedBladeSmbios() {
     // table, which a stream refuses after a short read: give it whole blocks.
     image.resize(2 * 4096, 0);
 
-    const int fd = ::memfd_create("qeld-blade-smbios", 0);
+    return memoryImageFile(std::string(image.begin(), image.end()), "qeld-blade-smbios");
+}
+
+std::string memoryImageFile(const std::string& image, const char* name) {
+    const int fd = ::memfd_create(name, 0);
     if (fd < 0) throw std::runtime_error(std::string("memfd_create: ") + std::strerror(errno));
     if (::write(fd, image.data(), image.size()) != static_cast<ssize_t>(image.size())) {
         const int e = errno;
         ::close(fd);
-        throw std::runtime_error(std::string("writing the blade's SMBIOS tables: ") + std::strerror(e));
+        throw std::runtime_error(std::string("writing the SMBIOS image: ") + std::strerror(e));
     }
     return "/proc/self/fd/" + std::to_string(fd);
 }

@@ -18,6 +18,10 @@ namespace qeld {
 // life of the process and its children. Throws std::runtime_error.
 std::string simulatedBladeSmbios();
 
+// A path that reads as `image` (an in-memory file kept for the life of the
+// process and its children). Throws std::runtime_error.
+std::string memoryImageFile(const std::string& image, const char* name);
+
 }  // namespace qeld
 
 #endif
