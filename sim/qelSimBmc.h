@@ -39,6 +39,7 @@ class SimConfSpace;  // qelSimConfSpace.h
 class SimLan;  // qelSimLan.h
 class SimIdentity;  // qelSimIdentity.h
 class SimBoard;  // qelSimBoard.h
+class SimSystemInfo;  // qelSimSystemInfo.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -206,6 +207,9 @@ public:
     // ---- the management board and the OS status events (qelSimBoard.h)
     SimBoard& board();
 
+    // ---- the standard System Info Parameters (qelSimSystemInfo.h)
+    SimSystemInfo& systemInfo();
+
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
     // understands in a controller description file ("keyword word...", one
@@ -252,6 +256,7 @@ private:
     std::shared_ptr<SimLan> lan_;
     std::shared_ptr<SimIdentity> identity_;
     std::shared_ptr<SimBoard> board_;
+    std::shared_ptr<SimSystemInfo> systemInfo_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -262,6 +267,7 @@ void registerConfSpaceCommands(SimBmc& bmc);
 void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
+void registerSystemInfoCommands(SimBmc& bmc);
 // Description keywords and dump sections of the watchdog, configuration
 // space, FRU/PNI and LAN models (qelSimModelDescriptions.h).
 void registerModelDescriptions(SimBmc& bmc);

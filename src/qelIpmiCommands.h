@@ -25,6 +25,8 @@ constexpr unsigned char resetWatchdogTimer = 0x22;
 constexpr unsigned char setWatchdogTimer = 0x24;
 constexpr unsigned char getWatchdogTimer = 0x25;
 constexpr unsigned char getChannelInfo = 0x42;
+constexpr unsigned char setSystemInfoParameters = 0x58;
+constexpr unsigned char getSystemInfoParameters = 0x59;
 // netfn::sensorEvent
 constexpr unsigned char platformEvent = 0x02;
 // netfn::storage
@@ -49,6 +51,7 @@ constexpr unsigned char timeout = 0xC3;
 constexpr unsigned char requestDataLengthInvalid = 0xC7;
 constexpr unsigned char parameterOutOfRange = 0xC9;
 constexpr unsigned char cannotReturnRequestedBytes = 0xCA;
+constexpr unsigned char requestedDataNotPresent = 0xCB;
 constexpr unsigned char invalidDataField = 0xCC;
 constexpr unsigned char unspecified = 0xFF;
 }  // namespace cc
