@@ -22,6 +22,7 @@
 #include "qelHostFacts.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
+#include "qelIpmiCommands.h"
 #include "qelIpmiWatchdog.h"
 #include "qelPlatform.h"
 #include "qelSystemInfo.h"
@@ -114,8 +115,14 @@ QelHostAgent::QelHostAgent(Options options)
     if (linux_) {
         // What the host's own tools call it; on VMkernel the library's texts
         // (from the hypervisor's product file) stand.
-        osName = qelHostFacts::readOsRelease().displayName();
+        const qelHostFacts::OsRelease release = qelHostFacts::readOsRelease();
+        osName = release.displayName();
         osRelease = qelHostFacts::kernelRelease();
+        osReleaseName_ = release.name.empty() ? "Linux" : release.name;
+        osReleaseVersion_ = release.version.empty() ? osRelease : release.version;
+    } else {
+        osReleaseName_ = osName;
+        osReleaseVersion_ = osRelease;
     }
     biosVersion_ = qelHostFacts::biosVersion();
     std::lock_guard<std::mutex> lock(statusMutex_);
@@ -289,6 +296,7 @@ void QelHostAgent::publish() {
     const bool due = lastPublication_ == 0 || now - lastPublication_ >= static_cast<long>(options_.republishSeconds) ||
                      now < lastPublication_;  // the clock went back
     guarded("host facts", [&] { publishFacts(due && lastPublication_ != 0); });
+    if (due) guarded("system info parameters", [&] { publishSystemInfo(); });
 
     std::unique_ptr<QelHostInventory> inventory;
     guarded("network inventory", [&] {
@@ -332,6 +340,59 @@ void QelHostAgent::publishFacts(bool refresh) {
         refused.push_back("BIOS version");
     if (refused.empty()) return;
     std::string text = "the controller refused the ";
+    for (std::size_t i = 0; i < refused.size(); ++i) text += (i ? ", " : "") + refused[i];
+    throw std::runtime_error(text);
+}
+
+void QelHostAgent::publishSystemInfo() {
+    if (systemInfoUnknown_) return;
+    const std::pair<unsigned char, std::string> parameters[] = {
+        {1, biosVersion_}, {2, hostName}, {3, osReleaseName_}, {4, osReleaseName_}, {5, osReleaseVersion_}};
+    qelIpmi::QelIpmi ipmi(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+    std::vector<std::string> refused;
+    for (const auto& parameter : parameters) {
+        const unsigned char selector = parameter.first;
+        if (parameter.second.empty() || (systemInfoUnsupported_ & (1u << selector)) != 0) continue;
+        // Strings travel in blocks of 16 bytes: block 0 holds the encoding
+        // (0: ASCII/Latin-1), the total length and the first 14 bytes.
+        const std::string text = parameter.second.substr(0, 255);
+        const std::size_t blocks = text.size() <= 14 ? 1 : 1 + (text.size() - 14 + 15) / 16;
+        for (std::size_t block = 0; block < blocks; ++block) {
+            unsigned char data[18] = {selector, static_cast<unsigned char>(block)};
+            if (block == 0) {
+                data[2] = 0;
+                data[3] = static_cast<unsigned char>(text.size());
+                text.copy(reinterpret_cast<char*>(data + 4), 14, 0);
+            } else {
+                text.copy(reinterpret_cast<char*>(data + 2), 16, 14 + (block - 1) * 16);
+            }
+            qelIpmi::QelIpmi_request_msg msg(qelIpmi::netfn::app, qelIpmi::cmd::setSystemInfoParameters,
+                                             sizeof data, data);
+            if (!ipmi.sendCmd(msg) || msg.responseLength == 0) {
+                refused.push_back("parameter " + std::to_string(selector) + " (no answer)");
+                break;
+            }
+            const unsigned char code = msg.responseData[0];
+            if (code == qelIpmi::cc::invalidCommand) {
+                // The controller does not know the command: not asked again.
+                systemInfoUnknown_ = true;
+                logText(LOG_INFO, "the controller does not know Set System Info Parameters; not asked again");
+                return;
+            }
+            if (code == qelIpmi::cc::parameterNotSupported) {
+                systemInfoUnsupported_ |= 1u << selector;
+                break;
+            }
+            if (code != qelIpmi::cc::ok) {
+                char hex[8];
+                std::snprintf(hex, sizeof hex, "0x%02X", code);
+                refused.push_back("parameter " + std::to_string(selector) + " (" + hex + ")");
+                break;
+            }
+        }
+    }
+    if (refused.empty()) return;
+    std::string text = "the controller refused ";
     for (std::size_t i = 0; i < refused.size(); ++i) text += (i ? ", " : "") + refused[i];
     throw std::runtime_error(text);
 }

@@ -31,6 +31,15 @@
 //   changed, after a publication that did not complete, and at least every
 //   republishSeconds in any case.
 //
+// - The standard System Info Parameters (Set System Info Parameters) carry
+//   the same facts to controllers of every make: 1 firmware version (the
+//   BIOS version), 2 system name (the host name), 3 primary OS name and 4 OS
+//   name (os-release NAME), 5 present OS version (os-release VERSION, else
+//   the kernel release). They are written with the facts, at the first info
+//   pass and at every republication. A controller that does not know the
+//   command (0xC1), or a parameter (0x80), is not asked again until the
+//   agent restarts.
+//
 // A base-class constructor cannot reach a derived main_action, so the agent
 // is built with a mode that starts nothing and start() then runs the chosen
 // mode: Daemon, Thread or Once (Shutdown needs no agent: QelServerInfo's
@@ -97,6 +106,7 @@ private:
     void succeeded(const std::string& step);
     void keepWatchdog(int& countdown, unsigned int& period);
     void publishFacts(bool refresh);
+    void publishSystemInfo();
     // True when every write went through; the others throw what failed.
     bool publishAddresses(const qelHostInventory::QelHostInventory& inventory);
     void publishSlots(const qelHostInventory::QelHostInventory& inventory);
@@ -105,6 +115,10 @@ private:
 
     Options options_;
     bool linux_ = false;
+    std::string osReleaseName_;     // os-release NAME
+    std::string osReleaseVersion_;  // os-release VERSION
+    bool systemInfoUnknown_ = false;
+    unsigned int systemInfoUnsupported_ = 0;  // bit per parameter
     std::string biosVersion_;
     std::unique_ptr<qelHostInventory::QelHostInventory> published_;
     long lastPublication_ = 0;  // platform time of the last complete one

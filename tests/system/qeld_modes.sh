@@ -37,6 +37,12 @@ expect_eq "platform text" "$(dump_value platform-text | sed 's/ via.*//')" "\"$(
 for c in "06 22" "06 24"; do
   expect_eq "watchdog command $c sent" "$(sent_count "$c")" 0
 done
+# The standard System Info Parameters, read back by ipmitool.
+sysinfo() { LD_PRELOAD=$PRELOAD QEL_BMCSIM_SOCKET=$SOCK ipmitool -I open mc getsysinfo "$1" 2>&1; }
+expect_eq "System Info: system name" "$(sysinfo system_name)" "$(hostname)"
+expect_eq "System Info: primary OS name" "$(sysinfo primary_os_name)" "$NAME"
+expect_eq "System Info: OS name" "$(sysinfo os_name)" "$NAME"
+expect_eq "System Info: present OS version (parameter 5)" "$(dump_value sysinfo-5)" "\"${VERSION:-$(uname -r)}\""
 
 step "--shutdown: only the watchdog stop, and no syslog at all"
 ctl set watchdog-state 44 00 00 00 b8 0b b8 0b   # running, use 4, 300 s

@@ -37,6 +37,7 @@
 #include "qelSimConfSpace.h"
 #include "qelSimDevice.h"
 #include "qelSimFru.h"
+#include "qelSimSystemInfo.h"
 #include "qelSimWatchdog.h"
 #include "qelSmbios.h"
 #include "smbiosImage.h"
@@ -515,6 +516,80 @@ TEST_F(HostAgentTest, OtherModesStartNothing) {
     EXPECT_FALSE(a->start(QelServerInfo::Shutdown));
     EXPECT_FALSE(a->start(static_cast<QelServerInfo::RunMode>(0)));
     EXPECT_EQ(network.calls(), 0);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- System Info Parameters
+
+namespace {
+
+class HostAgentSystemInfo : public HostAgentTest {
+protected:
+    size_t setsOf(unsigned char parameter) {
+        size_t n = 0;
+        for (const auto& r : sim->requests(netfn::app, cmd::setSystemInfoParameters))
+            if (!r.data.empty() && r.data[0] == parameter) ++n;
+        return n;
+    }
+};
+
+TEST_F(HostAgentSystemInfo, TheFactsGoToTheStandardParameters) {
+    Bytes body(0x12 - 4, 0);
+    body[0] = 1;
+    body[1] = 2;
+    smbiosTest::writeLinuxMemory(root.path(), 0xF0000, 0xE0000,
+                                 smbiosTest::concat({smbiosTest::structure(0, 0, body, {"Vendor", "V2.10"}),
+                                                     smbiosTest::endOfTable(1)}),
+                                 2);
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(sim->systemInfo().text(1), "V2.10");
+    EXPECT_EQ(sim->systemInfo().text(2), "web-07");
+    EXPECT_EQ(sim->systemInfo().text(3), "Debian GNU/Linux") << "16 bytes: two blocks";
+    EXPECT_EQ(sim->systemInfo().text(4), "Debian GNU/Linux");
+    EXPECT_EQ(sim->systemInfo().text(5), "12 (bookworm)");
+    EXPECT_EQ(setsOf(3), 2u);
+    EXPECT_EQ(setsOf(2), 1u);
+}
+
+TEST_F(HostAgentSystemInfo, WithoutAVersionTheKernelReleaseIsTheOsVersion) {
+    writeFile("/etc/os-release", "NAME=Gentoo\n");
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(sim->systemInfo().text(4), "Gentoo");
+    EXPECT_EQ(sim->systemInfo().text(5), "6.1.0-27-amd64");
+}
+
+TEST_F(HostAgentSystemInfo, ALongNameFillsAsManyBlocksAsItNeeds) {
+    const std::string name(60, 'n');  // host names have at most 64 bytes
+    host.setHostName(name);
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(sim->systemInfo().text(2), name);
+    EXPECT_EQ(setsOf(2), 1u + (60 - 14 + 15) / 16);
+}
+
+TEST_F(HostAgentSystemInfo, AControllerWithoutTheCommandIsNotAskedAgain) {
+    sim->systemInfo().setKnown(false);
+    network.set({loopback()});
+    auto a = agent(240);
+    run(*a, 6 * 5);  // republication every 240 s: three of them
+    EXPECT_EQ(sim->requests(netfn::app, cmd::setSystemInfoParameters).size(), 1u);
+    EXPECT_EQ(a->status().publications, 3u);
+}
+
+TEST_F(HostAgentSystemInfo, AnUnsupportedParameterIsNotAskedAgainTheOthersAre) {
+    sim->systemInfo().setUnsupported(2, true);
+    network.set({loopback()});
+    auto a = agent(240);
+    run(*a, 6 * 5);
+    EXPECT_EQ(setsOf(2), 1u);
+    EXPECT_EQ(setsOf(4), 2u * 3) << "two blocks, three republications";
+    EXPECT_FALSE(sim->systemInfo().text(2).has_value());
 }
 
 }  // namespace
