@@ -538,6 +538,12 @@ void SimBoard::dump(std::ostream& out) const {
     for (unsigned char s : osStatuses_) out << ' ' << static_cast<int>(s);
     out << '\n';
     out << "events " << events_.size() << '\n';
+    // System software's events for the event log (generator id first).
+    for (const PlatformEvent& e : events_) {
+        if (e.addrType == IPMI_SYSTEM_INTERFACE_ADDR_TYPE && e.data.size() == 8)
+            out << "sel-event sensor-type " << hexText(Bytes{e.data[2]}) << " offset "
+                << hexText(Bytes{static_cast<unsigned char>(e.data[5] & 0x0F)}) << '\n';
+    }
     if (osText_)
         out << "os-text " << quoted(osText_->text) << " via " << hexText(Bytes{osText_->command})
             << " byte0 " << hexText(Bytes{osText_->byte0}) << '\n';

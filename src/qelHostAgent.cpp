@@ -2,6 +2,7 @@
 
 #include "qelHostAgent.h"
 
+#include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <syslog.h>
 
@@ -9,6 +10,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <list>
 #include <stdexcept>
 #include <string>
@@ -125,9 +128,12 @@ QelHostAgent::QelHostAgent(Options options)
         osReleaseVersion_ = osRelease;
     }
     biosVersion_ = qelHostFacts::biosVersion();
+    kernelWatchdog_ = qelHostFacts::kernelIpmiWatchdog();
     std::lock_guard<std::mutex> lock(statusMutex_);
     status_.osName = osName;
     status_.platformText = osRelease;
+    status_.watchdogKeeper =
+        kernelWatchdog_.empty() ? "qeld" : "the kernel's IPMI watchdog driver (" + kernelWatchdog_ + ")";
 }
 
 QelHostAgent::~QelHostAgent() {
@@ -149,12 +155,14 @@ bool QelHostAgent::start(RunMode mode) {
         }
         platform().openlog(daemonIdentity, LOG_PID, LOG_LOCAL5);
         platform().syslog(LOG_INFO, "starting");
+        reportBoot();
         start_main_action_daemon();
         platform().closelog();
         return true;
     }
     case Thread:
         runMode = Thread;
+        reportBoot();
         start_main_action_thread();
         return true;
     case Once: {
@@ -214,6 +222,11 @@ void QelHostAgent::main_action(int& exitCode) {
         holdsMutex = true;
     }
     const bool watchdogMode = runMode == Daemon || runMode == Thread;
+    // One owner for the timer: the kernel's driver, when it is there.
+    const bool keepsWatchdog = watchdogMode && kernelWatchdog_.empty();
+    if (watchdogMode && !keepsWatchdog)
+        logText(LOG_WARNING, "the kernel's IPMI watchdog driver is loaded (" + kernelWatchdog_ +
+                                 ") and keeps the BMC watchdog: qeld leaves the timer to it and only publishes");
 
     int watchdogCountdown = 1;
     unsigned int period = maximumPeriod;
@@ -223,7 +236,7 @@ void QelHostAgent::main_action(int& exitCode) {
         guarded("OS status report", [&] {
             if (bladeInfo) bladeInfo->setOSStatus(QelBladeInfo::AC_OS_RUNNING);
         });
-        if (watchdogMode) keepWatchdog(watchdogCountdown, period);
+        if (keepsWatchdog) keepWatchdog(watchdogCountdown, period);
         if (--infoCountdown <= 0) {
             publish();
             infoCountdown = static_cast<int>(std::max(1u, infoInterval / period));
@@ -251,7 +264,7 @@ void QelHostAgent::main_action(int& exitCode) {
     exitCode = 0;
 
     if (watchdogMode) {
-        guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
+        if (keepsWatchdog) guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
         guarded("agent connection status", [&] {
             if (confSpace != nullptr) confSpace->changeAgentConnectionStatus(QelConfSpaceData::AgentDisconnected);
         });
@@ -263,8 +276,19 @@ void QelHostAgent::main_action(int& exitCode) {
 
 void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
     try {
-        if (updateWatchdog()) countdown = 1;
+        const bool applied = updateWatchdog();
+        if (applied) countdown = 1;
         if (wdEnabled && --countdown <= 0) {
+            // Before the reset, once the timer ran: is it still running? A
+            // timer stopped by somebody else is started again by the reset,
+            // but the log should say that it was stopped. (Just after the
+            // settings were applied the timer is stopped by the Set itself.)
+            if (resetBefore_ && !applied) {
+                QelIpmiWatchdog now(agentTimerUse);
+                if (!now.running)
+                    logText(LOG_WARNING, "the BMC watchdog was stopped by someone else; qeld starts it again");
+            }
+            resetBefore_ = true;
             const unsigned int seconds = reset_watchdog(agentTimerUse, true);
             if (seconds == 0) {
                 countdown = 1;
@@ -287,6 +311,49 @@ void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
         countdown = 1;
         failed("watchdog", "unknown exception");
     }
+}
+
+// ---------------------------------------------------------------- OS events
+
+bool QelHostAgent::sendOsEvent(OsEvent event) {
+    // A Platform Event Message from system software (generator id 0x41) of a
+    // sensor-specific event type: OS Boot (0x1F) offset 1 "C: boot
+    // completed", or OS Stop/Shutdown (0x20) offset 3 "OS graceful
+    // shutdown"; the other event data unspecified.
+    const bool boot = event == OsEvent::BootCompleted;
+    unsigned char data[8] = {0x41, 0x04, static_cast<unsigned char>(boot ? 0x1F : 0x20), 0x00, 0x6F,
+                             static_cast<unsigned char>(boot ? 0x01 : 0x03), 0xFF, 0xFF};
+    try {
+        qelIpmi::QelIpmi ipmi(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+        qelIpmi::QelIpmi_request_msg msg(qelIpmi::netfn::sensorEvent, qelIpmi::cmd::platformEvent, sizeof data,
+                                         data);
+        return ipmi.sendCmd(msg) && msg.responseLength > 0 && msg.responseData[0] == qelIpmi::cc::ok;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void QelHostAgent::reportBoot() {
+    const std::string id = qelHostFacts::bootId();
+    if (id.empty()) return;
+    // Kept in /run, which every boot starts empty; the boot id guards
+    // against a /run that is not.
+    const std::string directory = platform().path("/run/qeld");
+    const std::string marker = directory + "/boot-id";
+    std::string reported;
+    std::getline(std::ifstream(marker), reported);
+    if (reported == id) return;  // a restart of the agent in the same boot
+
+    struct sysinfo info;
+    std::memset(&info, 0, sizeof info);
+    const bool fresh = platform().sysinfo(&info) == 0 && info.uptime >= 0 && info.uptime < freshBootSeconds;
+    // A start long after the boot (an installation, a late start) is no
+    // boot: nothing is logged, and this boot counts as reported.
+    if (fresh && !sendOsEvent(OsEvent::BootCompleted)) return;  // tried again at the next start
+    if (fresh) logText(LOG_INFO, "boot completed: logged in the controller's event log");
+    std::error_code ignored;
+    std::filesystem::create_directories(directory, ignored);
+    std::ofstream(marker) << id << '\n';
 }
 
 // ---------------------------------------------------------------- publication

@@ -40,6 +40,19 @@
 //   command (0xC1), or a parameter (0x80), is not asked again until the
 //   agent restarts.
 //
+// - One owner for the timer: when the kernel's IPMI watchdog driver is
+//   loaded (qelHostFacts::kernelIpmiWatchdog) it drives the same BMC timer,
+//   and two keepers with different countdowns fight. The agent then says so
+//   in the log and in status(), sends no watchdog command at all (nor stops
+//   the timer at its end) and goes on publishing. A timer that someone else
+//   stopped while the agent keeps it is logged as such (and started again
+//   by the reset that was due).
+// - The controller's event log learns of the host's boots and shutdowns:
+//   "boot completed" (OS Boot sensor type) when the agent starts (Daemon or
+//   Thread) in a boot it has not reported yet and less than an hour after
+//   it, and "graceful shutdown" (OS Stop/Shutdown) through sendOsEvent,
+//   which qeld sends when the system goes down.
+//
 // A base-class constructor cannot reach a derived main_action, so the agent
 // is built with a mode that starts nothing and start() then runs the chosen
 // mode: Daemon, Thread or Once (Shutdown needs no agent: QelServerInfo's
@@ -78,7 +91,15 @@ public:
         unsigned long publications = 0;  // complete publications
         bool publicationPending = false; // the last one did not complete
         std::map<std::string, std::string> failing;  // step -> text, while it fails
+        std::string watchdogKeeper;  // "qeld", or the kernel's driver that keeps the timer
     };
+
+    enum class OsEvent { BootCompleted, GracefulShutdown };
+    // Logs `event` in the controller's event log (a Platform Event Message
+    // from system software). True when the controller took it; never throws.
+    static bool sendOsEvent(OsEvent event);
+    // How long after the boot a start still counts as the boot's.
+    static constexpr long freshBootSeconds = 3600;
 
     // Builds QelServerInfo's objects (without starting anything) and learns
     // the host's facts. Throws as QelServerInfo's constructor does.
@@ -105,6 +126,7 @@ private:
     void failed(const std::string& step, const std::string& text);
     void succeeded(const std::string& step);
     void keepWatchdog(int& countdown, unsigned int& period);
+    void reportBoot();
     void publishFacts(bool refresh);
     void publishSystemInfo();
     // True when every write went through; the others throw what failed.
@@ -115,6 +137,8 @@ private:
 
     Options options_;
     bool linux_ = false;
+    std::string kernelWatchdog_;  // non-empty: the kernel's driver keeps the timer
+    bool resetBefore_ = false;
     std::string osReleaseName_;     // os-release NAME
     std::string osReleaseVersion_;  // os-release VERSION
     bool systemInfoUnknown_ = false;

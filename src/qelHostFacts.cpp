@@ -2,6 +2,8 @@
 
 #include "qelHostFacts.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -78,9 +80,9 @@ bool unquote(const std::string& raw, std::string& value) {
 }
 
 std::string trim(const std::string& text) {
-    const std::size_t first = text.find_first_not_of(" \t\r");
+    const std::size_t first = text.find_first_not_of(" \t\r\n");
     if (first == std::string::npos) return "";
-    const std::size_t last = text.find_last_not_of(" \t\r");
+    const std::size_t last = text.find_last_not_of(" \t\r\n");
     return text.substr(first, last - first + 1);
 }
 
@@ -146,6 +148,33 @@ std::string biosVersion() {
     } catch (const std::logic_error&) {
         return "";
     }
+}
+
+std::string kernelIpmiWatchdog() {
+    struct stat info;
+    if (::stat(qelPlatform::platform().path("/sys/module/ipmi_watchdog").c_str(), &info) == 0)
+        return "ipmi_watchdog module";
+    const std::string classDir = qelPlatform::platform().path("/sys/class/watchdog");
+    DIR* dir = ::opendir(classDir.c_str());
+    if (dir == nullptr) return "";
+    std::string found;
+    while (struct dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        std::string identity;
+        if (!readWhole(std::string("/sys/class/watchdog/") + entry->d_name + "/identity", identity)) continue;
+        if (trim(identity) == "IPMI") {
+            found = std::string(entry->d_name) + " (IPMI)";
+            break;
+        }
+    }
+    ::closedir(dir);
+    return found;
+}
+
+std::string bootId() {
+    std::string text;
+    if (!readWhole("/proc/sys/kernel/random/boot_id", text)) return "";
+    return trim(text.substr(0, text.find('\n')));
 }
 
 std::string firmwareTablesImage() {

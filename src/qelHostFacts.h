@@ -46,6 +46,19 @@ QEL_EXPORT std::string kernelRelease();
 // structure or the reader fails.
 QEL_EXPORT std::string biosVersion();
 
+// The kernel's IPMI watchdog driver, when it is loaded: it drives the
+// controller's watchdog timer itself (through /dev/watchdog, for example
+// under a service manager's runtime watchdog), so a second keeper with
+// another countdown would fight it. Looks for "/sys/module/ipmi_watchdog"
+// and for a "/sys/class/watchdog/*/identity" of "IPMI", without opening any
+// watchdog device (opening one starts it). Returns what it found
+// ("ipmi_watchdog module", "watchdog1 (IPMI)"), or "" when nothing.
+QEL_EXPORT std::string kernelIpmiWatchdog();
+
+// The kernel's boot id ("/proc/sys/kernel/random/boot_id"), "" when it
+// cannot be read.
+QEL_EXPORT std::string bootId();
+
 // The firmware's SMBIOS tables as the kernel exports them
 // ("/sys/firmware/dmi/tables/smbios_entry_point" and ".../DMI"), laid out as
 // the memory image the SMBIOS reader searches when it opens "/dev/mem": a

@@ -21,6 +21,7 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/sysinfo.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -99,6 +100,11 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         hostName_ = name;
         hostNameErrno_ = errorNumber;
+    }
+    // Seconds since the boot as sysinfo reports them; negative: the real ones.
+    void setUptime(long seconds) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        uptime_ = seconds;
     }
     // 0: the real clock.
     void setTime(time_t now) {
@@ -245,6 +251,17 @@ public:
         return Platform::close(fd);
     }
 
+    int sysinfo(struct sysinfo* out) const override {
+        long uptime;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            uptime = uptime_;
+        }
+        const int rc = Platform::sysinfo(out);
+        if (rc == 0 && uptime >= 0) out->uptime = uptime;
+        return rc;
+    }
+
     unsigned int sleep(unsigned int seconds) const override {
         int call;
         {
@@ -330,6 +347,7 @@ private:
     std::string hostName_ = "agenthost";
     int hostNameErrno_ = 0;
     time_t time_ = 0;
+    long uptime_ = -1;
     std::vector<Interface> interfaces_;
 
     mutable std::list<std::vector<std::unique_ptr<Node>>> lists_;

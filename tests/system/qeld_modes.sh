@@ -55,6 +55,17 @@ expect_eq "the Set stops use 4" "$(request_lines | awk '$2 == "24" { print $3 }'
 expect_eq "watchdog" "$(dump_value timer)" stopped
 expect_eq "syslog lines" "$(wc -l <"$SYSLOG")" "$lines"
 
+step "--shutdown --system-shutdown: the graceful shutdown in the event log too"
+ctl clear-requests
+with_log "$QELD" --shutdown --system-shutdown --bmc-socket "$SOCK"
+expect_eq "exit status" "$?" 0
+expect_eq "requests" "$(request_lines | cut -c1-5 | tr '\n' ,)" "06 25,06 24,04 02,"
+expect_true "OS Stop/Shutdown, offset 3 (graceful shutdown)" sh -c "$BMCSIM --socket $SOCK ctl dump | grep -qx 'sel-event sensor-type 20 offset 03'"
+set +e
+"$QELD" --once --system-shutdown --bmc-socket "$SOCK" 2>/dev/null
+expect_eq "--system-shutdown without --shutdown" "$?" 64
+set -e
+
 step "--foreground: the worker resets the watchdog; SIGALRM resets it too"
 ctl set confspace-var 2300 01
 ctl clear-requests

@@ -593,3 +593,109 @@ TEST_F(HostAgentSystemInfo, AnUnsupportedParameterIsNotAskedAgainTheOthersAre) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- one owner for the timer
+
+namespace {
+
+TEST_F(HostAgentTest, TheKernelsIpmiWatchdogDriverKeepsTheTimerAlone) {
+    writeFile("/sys/module/ipmi_watchdog/parameters/timeout", "10\n");
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent();
+    EXPECT_EQ(a->status().watchdogKeeper, "the kernel's IPMI watchdog driver (ipmi_watchdog module)");
+    EXPECT_EQ(run(*a, 12), 0);
+    EXPECT_EQ(count(netfn::app, cmd::getWatchdogTimer), 0u);
+    EXPECT_EQ(count(netfn::app, cmd::setWatchdogTimer), 0u) << "neither set nor stopped";
+    EXPECT_EQ(count(netfn::app, cmd::resetWatchdogTimer), 0u);
+    EXPECT_THAT(logsContaining("the kernel's IPMI watchdog driver is loaded (ipmi_watchdog module) and keeps the "
+                               "BMC watchdog: qeld leaves the timer to it and only publishes"),
+                ::testing::SizeIs(1));
+    EXPECT_EQ(slot(1), "10.0.0.2") << "publication goes on";
+}
+
+TEST_F(HostAgentTest, WithoutTheDriverQeldKeepsTheTimer) {
+    writeFile("/sys/class/watchdog/watchdog0/identity", "iTCO_wdt\n");
+    network.set({loopback()});
+    auto a = agent();
+    EXPECT_EQ(a->status().watchdogKeeper, "qeld");
+    run(*a, 6);
+    EXPECT_GE(resets(), 1u);
+}
+
+TEST_F(HostAgentTest, ATimerStoppedBySomeoneElseIsLoggedAndStartedAgain) {
+    network.set({loopback()});
+    auto a = agent();
+    bool runningLate = false;
+    run(*a, 16, [&](int pass) {
+        if (pass == 7) {
+            qelSim::WatchdogState s = sim->watchdog().state();
+            s.running = false;  // another program's Set without "don't stop"
+            sim->watchdog().preset(s);
+        }
+        if (pass == 15) runningLate = sim->watchdog().state().running;
+    });
+    EXPECT_THAT(logsContaining("the BMC watchdog was stopped by someone else; qeld starts it again"),
+                ::testing::SizeIs(1));
+    EXPECT_TRUE(runningLate);
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+}
+
+// ---------------------------------------------------------------- the event log
+
+class HostAgentEvents : public HostAgentTest {
+protected:
+    std::vector<Bytes> osEvents() {
+        std::vector<Bytes> out;
+        for (const auto& e : sim->board().platformEvents())
+            if (e.addrType == qelIpmi::QelIpmi::SYSTEM_INTERFACE) out.push_back(e.data);
+        return out;
+    }
+    void startAndStop() {
+        host.onCondWait = [](int, pthread_cond_t*, pthread_mutex_t*, const struct timespec*) { return 0; };
+        auto a = agent();
+        a->start(QelServerInfo::Thread);
+        a.reset();
+    }
+};
+
+TEST_F(HostAgentEvents, AFreshBootIsLoggedOnceAsBootCompleted) {
+    writeFile("/proc/sys/kernel/random/boot_id", "0b6f4c2e-0000-4000-8000-000000000001\n");
+    host.setUptime(95);
+    network.set({loopback()});
+    startAndStop();
+    startAndStop();  // the agent restarted in the same boot
+    EXPECT_THAT(osEvents(), ElementsAre(Bytes{0x41, 0x04, 0x1F, 0x00, 0x6F, 0x01, 0xFF, 0xFF}));
+    std::string marker;
+    std::getline(std::ifstream(root.path() + "/run/qeld/boot-id"), marker);
+    EXPECT_EQ(marker, "0b6f4c2e-0000-4000-8000-000000000001");
+
+    writeFile("/proc/sys/kernel/random/boot_id", "0b6f4c2e-0000-4000-8000-000000000002\n");
+    startAndStop();  // the next boot
+    EXPECT_EQ(osEvents().size(), 2u);
+}
+
+TEST_F(HostAgentEvents, AStartLongAfterTheBootLogsNothing) {
+    writeFile("/proc/sys/kernel/random/boot_id", "0b6f4c2e-0000-4000-8000-000000000003\n");
+    host.setUptime(QelHostAgent::freshBootSeconds + 5);
+    network.set({loopback()});
+    startAndStop();
+    EXPECT_THAT(osEvents(), IsEmpty());
+}
+
+TEST_F(HostAgentEvents, OnceModeLogsNoBoot) {
+    writeFile("/proc/sys/kernel/random/boot_id", "0b6f4c2e-0000-4000-8000-000000000004\n");
+    host.setUptime(10);
+    network.set({loopback()});
+    auto a = agent();
+    a->start(QelServerInfo::Once);
+    EXPECT_THAT(osEvents(), IsEmpty());
+}
+
+TEST_F(HostAgentEvents, GracefulShutdownGoesToTheEventLog) {
+    EXPECT_TRUE(QelHostAgent::sendOsEvent(QelHostAgent::OsEvent::GracefulShutdown));
+    EXPECT_THAT(osEvents(), ElementsAre(Bytes{0x41, 0x04, 0x20, 0x00, 0x6F, 0x03, 0xFF, 0xFF}));
+    sim->injectFault(qelSim::Fault::completionCode(0xC1));
+    EXPECT_FALSE(QelHostAgent::sendOsEvent(QelHostAgent::OsEvent::GracefulShutdown));
+}
+
+}  // namespace

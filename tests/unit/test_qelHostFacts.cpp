@@ -149,6 +149,30 @@ TEST_F(HostFacts, KernelReleaseIsUnamesRelease) {
     EXPECT_EQ(qelHostFacts::kernelRelease(), "");
 }
 
+// ---------------------------------------------------------------- the kernel's watchdog driver
+
+TEST_F(HostFacts, NoIpmiWatchdogDriverOnAPlainHost) {
+    writeFile("/sys/class/watchdog/watchdog0/identity", "iTCO_wdt\n");
+    EXPECT_EQ(qelHostFacts::kernelIpmiWatchdog(), "");
+}
+
+TEST_F(HostFacts, TheIpmiWatchdogModuleIsFound) {
+    writeFile("/sys/module/ipmi_watchdog/parameters/timeout", "10\n");
+    EXPECT_EQ(qelHostFacts::kernelIpmiWatchdog(), "ipmi_watchdog module");
+}
+
+TEST_F(HostFacts, AWatchdogDeviceWhoseIdentityIsIpmiIsFound) {
+    writeFile("/sys/class/watchdog/watchdog0/identity", "iTCO_wdt\n");
+    writeFile("/sys/class/watchdog/watchdog1/identity", "IPMI\n");
+    EXPECT_EQ(qelHostFacts::kernelIpmiWatchdog(), "watchdog1 (IPMI)");
+}
+
+TEST_F(HostFacts, BootIdIsTheKernelsWithoutItsLineFeed) {
+    EXPECT_EQ(qelHostFacts::bootId(), "");
+    writeFile("/proc/sys/kernel/random/boot_id", "5f3a-1\n");
+    EXPECT_EQ(qelHostFacts::bootId(), "5f3a-1");
+}
+
 // ---------------------------------------------------------------- BIOS version
 
 Bytes biosInformation(uint16_t handle, unsigned char versionString, const std::vector<std::string>& strings) {

@@ -66,9 +66,13 @@ const char usageText[] =
     "  --foreground       run the loop in a worker thread until SIGTERM, SIGINT or\n"
     "                     SIGHUP; for service managers (systemd Type=simple)\n"
     "  --once             one pass: OS status, platform texts and addresses; no watchdog\n"
-    "  --shutdown         stop the watchdog only (what the system does at halt)\n"
+    "  --shutdown         stop the watchdog only (what the system does at halt); when the\n"
+    "                     system is going down (systemd says \"stopping\", or\n"
+    "                     --system-shutdown) also log \"OS graceful shutdown\" in the BMC's\n"
+    "                     event log"
     "\n"
     "OPTIONS:\n"
+    "  --system-shutdown  with --shutdown: the system is going down (see --shutdown)\n"
     "  --strict           run the library's historic loop (QelServerInfo) instead of the\n"
     "                     host agent: its first failing publication ends the loop and\n"
     "                     stops the watchdog, the OS is named as on the hypervisor, one\n"
@@ -157,6 +161,7 @@ struct Options {
     Mode mode = Mode::None;
     bool simulate = false;
     bool strict = false;
+    bool systemShutdown = false;
     std::string simulateFile;
     std::string bmcSocket;
     bool bmcSocketGiven = false;
@@ -216,6 +221,8 @@ int parse(int argc, char** argv, Options& o) {
             r = setMode(Mode::Once, "--once");
         } else if (arg == "--shutdown") {
             r = setMode(Mode::Shutdown, "--shutdown");
+        } else if (arg == "--system-shutdown") {
+            o.systemShutdown = true;
         } else if (arg == "--strict") {
             o.strict = true;
         } else if (arg == "--simulate") {
@@ -259,6 +266,7 @@ int parse(int argc, char** argv, Options& o) {
         return badUsage("--report needs a simulated controller (--simulate or --bmc-socket)");
     if (o.report && o.mode == Mode::Daemon)
         return badUsage("--report does not go with --daemon (read the state with qel-bmcsim ... ctl dump)");
+    if (o.systemShutdown && o.mode != Mode::Shutdown) return badUsage("--system-shutdown goes with --shutdown");
     if (!o.root.empty() && o.root.back() == '/') o.root.pop_back();
     return -1;
 }
@@ -333,8 +341,25 @@ int runOnce(bool strict) {
     return exitCode == 0 ? exitOk : exitLoopError;
 }
 
-int runShutdown() {
+// True when systemd runs the system and is taking it down: the stop of the
+// service is then part of a shutdown, not an administrator's stop.
+bool systemGoingDown() {
+    struct stat info;
+    if (::stat("/run/systemd/system", &info) != 0) return false;
+    std::FILE* state = ::popen("systemctl is-system-running 2>/dev/null", "r");
+    if (state == nullptr) return false;
+    char line[64] = {};
+    const bool read = std::fgets(line, sizeof line, state) != nullptr;
+    ::pclose(state);
+    return read && std::strncmp(line, "stopping", 8) == 0;
+}
+
+int runShutdown(bool systemShutdown, bool strict) {
     QelServerInfo agent(QelServerInfo::Shutdown);
+    // The host agent also leaves the shutdown in the controller's event log,
+    // so the BMC's log shows the host's shutdowns beside its boots.
+    if (!strict && (systemShutdown || systemGoingDown()))
+        QelHostAgent::sendOsEvent(QelHostAgent::OsEvent::GracefulShutdown);
     return exitOk;
 }
 
@@ -498,7 +523,7 @@ int main(int argc, char** argv) {
         case Mode::Daemon: status = runDaemon(o.strict); break;
         case Mode::Foreground: status = runForeground(platform, o.strict); break;
         case Mode::Once: status = runOnce(o.strict); break;
-        case Mode::Shutdown: status = runShutdown(); break;
+        case Mode::Shutdown: status = runShutdown(o.systemShutdown, o.strict); break;
         case Mode::None: break;
         }
     } catch (const std::exception& e) {
