@@ -13,7 +13,13 @@
 #   3. qeld --daemon for PASSES passes (default 10000) with waits 1000 times
 #      shorter (a 20 ms pass; shorter still and the work of a pass would
 #      outgrow the scaled safety-net alarm): open descriptors and resident
-#      memory at pass 1 and every 1000 passes.
+#      memory at pass 1 and every 1000 passes;
+#   4. resident memory side by side, each keeping the same simulated
+#      controller's watchdog: qeld --foreground, qeld --strict --foreground
+#      and FreeIPMI's bmc-watchdog daemon (through the stand-in /dev/ipmi0;
+#      Debian package freeipmi-bmc-watchdog, installed when missing).
+# Parts 2 and 3 run twice: the host agent (qeld's default loop) and the
+# library's own loop (--strict), so their passes can be compared.
 # The agent's syslog goes to a stand-in logger (qel-syslog-sink beside the
 # tests), through a private /dev/log as in the tests.
 # Not part of the test suite; run it by hand on a quiet machine (root).
@@ -64,10 +70,14 @@ for where in "--bmc-socket $sock" "--simulate"; do
     'BEGIN { printf "   %-14s CPU %6.2f ms/run   wall %6.2f ms/run   peak RSS %d KiB\n", where, (u + s) * 20, w * 20, r }'
 done
 
-echo "== 2. qeld --foreground, $seconds s, loop waits 20 times shorter"
+for loop in host-agent strict; do
+strict=()
+[ "$loop" == strict ] && strict=(--strict)
+
+echo "== 2. qeld ${strict[*]} --foreground ($loop), $seconds s, loop waits 20 times shorter"
 ctl clear-requests >/dev/null
 (exec unshare -m --propagation private bash "$here/with-devlog.sh" "$work/log.sock" \
-  "$qeld" --foreground --bmc-socket "$sock" --no-stderr --test-time-scale=20 --test-stats="$work/fg.stats") &
+  "$qeld" "${strict[@]}" --foreground --bmc-socket "$sock" --no-stderr --test-time-scale=20 --test-stats="$work/fg.stats") &
 fg=$!
 pids+=("$fg")
 sleep "$seconds"   # the measurement's duration, not a wait for readiness
@@ -75,10 +85,11 @@ kill -TERM "$fg"
 wait "$fg" || true
 sed 's/^/   /' "$work/fg.stats" | grep -v '^   sample'
 
-echo "== 3. qeld --daemon, $passes passes, loop waits 1000 times shorter"
+echo "== 3. qeld ${strict[*]} --daemon ($loop), $passes passes, loop waits 1000 times shorter"
+rm -rf "$work/root"
 mkdir -p "$work/root"
 ctl set soft-watchdog on 300 >/dev/null
-logged "$qeld" --daemon --bmc-socket "$sock" --root "$work/root" --no-stderr --test-time-scale=1000 \
+logged "$qeld" "${strict[@]}" --daemon --bmc-socket "$sock" --root "$work/root" --no-stderr --test-time-scale=1000 \
   --test-stats="$work/d.stats"
 daemon=$(cat "$work/root/var/run/qeld.pid")
 pids+=("$daemon")
@@ -94,3 +105,26 @@ for _ in $(seq 100); do kill -0 "$daemon" 2>/dev/null || break; sleep 0.1; done
 echo "   $(sed -n 's/^passes //p' "$work/d.stats") passes in $(($(date +%s) - start)) s"
 sed 's/^/   /' "$work/d.stats"
 echo "   syslog: $(wc -l <"$work/syslog") lines, $(grep -c 'Alarm signal received' "$work/syslog" || true) of them alarms"
+done
+
+echo "== 4. resident memory side by side, keeping the same controller's watchdog"
+command -v bmc-watchdog >/dev/null || apt-get install -y -qq freeipmi-bmc-watchdog >/dev/null
+preload=$build/sim/preload/libqelsim-preload.so
+rss_of() { sed -n 's/^VmRSS:[[:space:]]*\([0-9]*\) kB/\1/p' "/proc/$1/status"; }
+settle() { sleep 5; }   # let each reach its steady loop: part of the measurement
+for what in qeld qeld-strict bmc-watchdog; do
+  case $what in
+    qeld) ("$qeld" --foreground --bmc-socket "$sock" --no-stderr & echo $! >"$work/p") ;;
+    qeld-strict) ("$qeld" --strict --foreground --bmc-socket "$sock" --no-stderr & echo $! >"$work/p") ;;
+    bmc-watchdog)
+      LD_PRELOAD=$preload QEL_BMCSIM_SOCKET=$sock bmc-watchdog -D openipmi -d -u 4 -p 0 -a 0 -i 300 -e 100
+      sleep 1
+      pgrep -n -x bmc-watchdog >"$work/p" ;;
+  esac
+  p=$(cat "$work/p")
+  pids+=("$p")
+  settle
+  printf '   %-14s RSS %5d KiB\n' "$what" "$(rss_of "$p")"
+  kill -TERM "$p"
+  for _ in $(seq 50); do kill -0 "$p" 2>/dev/null || break; sleep 0.1; done
+done
