@@ -6,6 +6,8 @@
 #   qemu-bmc       QEMU's BMC through the kernel's KCS driver: transport,
 #                  identity, watchdog, SMBIOS below 1 MiB, benchmark
 #   smbios-high    a table above 1 MiB; an ALDERCROFT blade
+#   lockdown       the same blade on a kernel booted with lockdown=integrity:
+#                  /dev/mem refused, the tables read from sysfs instead
 #   watchdog-fire  a hard-reset watchdog left alone resets the guest; the
 #                  second boot finds the expiration flag
 #   bmcsim         the project's simulated controller (qel-bmcsim) behind
@@ -105,6 +107,8 @@ boot() {
   [ "$limit" -gt "$left" ] && limit=$left
   rm -rf "$dir"; mkdir -p "$dir"
   smbios_args "$prefix"
+  local kargs
+  eval "kargs=\${${prefix}_KERNEL_ARGS:-}"
   local bmcdev=(-device ipmi-bmc-sim,id=bmc0)
   if [ "$bmc" = bmcsim ]; then
     start_bmcsim "$dir" || { failed+=("$name"); return; }
@@ -115,7 +119,7 @@ boot() {
     -display none -monitor none -nic none
     "${bmcdev[@]}" -device isa-ipmi-kcs,bmc=bmc0
     -kernel "$out/kernel" -initrd "$out/initrd.img"
-    -append "console=ttyS0 panic=-1 quiet qel.test=$name qel.iana=$iana qel.agent=$bmcsim_agent"
+    -append "console=ttyS0 panic=-1 quiet qel.test=$name qel.iana=$iana qel.agent=$bmcsim_agent${kargs:+ $kargs}"
     -serial "file:$dir/console.log" -serial "file:$dir/test.raw" "${args[@]}")
   # A guest that should not reboot makes QEMU exit when it tries.
   [ "$boots" -eq 1 ] && cmd+=(-no-reboot)
@@ -270,6 +274,7 @@ check_bmcsim() {
 
 boot qemu-bmc 150 1
 boot smbios-high 90 1
+boot lockdown 90 1
 boot watchdog-fire 150 2
 if [ -n "$bmcsim" ]; then
   boot bmcsim 150 2 bmcsim
