@@ -30,4 +30,11 @@ blade=$(qel-vm-probe --firmware-tables blade)
 check_eq "QelBladeInfo bladeSystem (as with /dev/mem)" 1 "$(echo "$blade" | kv bladeSystem)"
 check_eq "QelBladeInfo acSystem (as with /dev/mem)" 1 "$(echo "$blade" | kv acSystem)"
 
+echo "== the agent on the locked-down kernel"
+if command -v qeld >/dev/null; then
+  check "qeld --once (the host agent, tables from sysfs) exits 0" qeld --once --no-stderr
+else
+  fail "qeld is not in the guest"
+fi
+
 finish
