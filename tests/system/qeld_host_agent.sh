@@ -105,6 +105,18 @@ passes=$(sed -n 's/^passes //p' "$T/stats")
 wait_until 30 "five more passes" passes_at_least $((passes + 5))
 expect_true "qeld runs" alive
 
+step "the controller answers garbage: odd bytes, oversized replies, foreign message ids, empty replies"
+for i in $(seq 10); do
+  ctl fault raw-reply 00 ff 13 37
+  ctl fault oversize-reply 400
+  ctl fault foreign-msgid
+  ctl fault empty-reply
+done
+passes=$(sed -n 's/^passes //p' "$T/stats")
+wait_until 30 "ten more passes" passes_at_least $((passes + 10))
+expect_true "qeld runs" alive
+expect_true "every NIC still published" everything_published
+
 step "an hour of the agent's time: the watchdog was kept all along"
 wait_until 60 "180 passes (an hour)" passes_at_least 180
 expect_eq "expiries" "$(dump_value expiries)" 0
