@@ -18,17 +18,14 @@
 #include <vector>
 
 #include "PniAccess.h"
-#include "qelAccessControl.h"
 #include "qelBladeInfo.h"
-#include "qelCondQueue.h"
 #include "qelConfSpaceData.h"
+#include "qelError.h"
 #include "qelHostFacts.h"
-#include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelIpmiWatchdog.h"
 #include "qelPlatform.h"
-#include "qelSystemInfo.h"
 
 using qelHostInventory::Interface;
 using qelHostInventory::QelHostInventory;
@@ -52,26 +49,9 @@ const char daemonIdentity[] = "qel_daemon";
 
 void logText(int priority, const std::string& text) { platform().syslog(priority, text.c_str()); }
 
-// The message an exception carries. The library's error classes keep it in
-// errorText (their what() says nothing); everything else says it in what().
-template <typename Error>
-bool errorTextOf(const std::exception& error, std::string& text) {
-    const auto* own = dynamic_cast<const Error*>(&error);
-    if (own == nullptr) return false;
-    text = own->errorText;
-    return true;
-}
-
+// The message an exception carries, on one line.
 std::string messageOf(const std::exception& e) {
-    std::string text;
-    const bool library =
-        errorTextOf<qelIpmi::QelIpmiError>(e, text) || errorTextOf<qelIpmi::QelIpmiLanError>(e, text) ||
-        errorTextOf<qelIpmi::QelIpmiWatchdogError>(e, text) || errorTextOf<PniAccessError>(e, text) ||
-        errorTextOf<qelIp::QelIpError>(e, text) || errorTextOf<qelSystemInfo::QelSystemInfoError>(e, text) ||
-        errorTextOf<QelConfSpaceDataError>(e, text) || errorTextOf<QelBladeInfoError>(e, text) ||
-        errorTextOf<QelCondQueueError>(e, text) || errorTextOf<QelAccessControlError>(e, text) ||
-        errorTextOf<qelHostInventory::QelHostInventoryError>(e, text);
-    if (!library) text = e.what();
+    std::string text = qelError::textOf(e);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     return text.empty() ? "(no message)" : text;
 }

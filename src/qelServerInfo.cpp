@@ -27,6 +27,7 @@
 #include "qelBladeInfo.h"
 #include "qelCondQueue.h"
 #include "qelConfSpaceData.h"
+#include "qelError.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelPlatform.h"
@@ -82,33 +83,6 @@ void logErrno(const char* format, int number) {
     char text[256];
     std::snprintf(text, sizeof text, format, number, std::strerror(number));
     platform().syslog(LOG_ERR, text);
-}
-
-// The text an error object carries. The library's error classes keep their
-// message in errorText and give std::exception::what() only "" (or "errm"),
-// which would tell the log reader nothing; any other std::logic_error says
-// what happened through what().
-template <typename Error>
-bool takeErrorText(const std::logic_error& error, std::string& text) {
-    const auto* own = dynamic_cast<const Error*>(&error);
-    if (own == nullptr) return false;
-    text = own->errorText;
-    return true;
-}
-
-std::string textOf(const std::logic_error& error) {
-    std::string text;
-    if (takeErrorText<qelIpmi::QelIpmiError>(error, text) ||
-        takeErrorText<qelIpmi::QelIpmiLanError>(error, text) ||
-        takeErrorText<qelIpmi::QelIpmiWatchdogError>(error, text) ||
-        takeErrorText<PniAccessError>(error, text) || takeErrorText<qelIp::QelIpError>(error, text) ||
-        takeErrorText<qelSystemInfo::QelSystemInfoError>(error, text) ||
-        takeErrorText<QelConfSpaceDataError>(error, text) ||
-        takeErrorText<QelBladeInfoError>(error, text) ||
-        takeErrorText<QelCondQueueError>(error, text) ||
-        takeErrorText<QelAccessControlError>(error, text))
-        return text;
-    return error.what();
 }
 
 // Installs `action` for `sig`; on failure logs and ends the process, as the
@@ -517,7 +491,9 @@ void QelServerInfo::main_action(int& exitCode) {
         } while (running);
         exitCode = 0;
     } catch (const std::logic_error& error) {
-        logText(LOG_ERR, textOf(error));
+        // The library's error classes keep their message in errorText and
+        // give what() only "" (or "errm"); qelError::textOf knows them all.
+        logText(LOG_ERR, qelError::textOf(error));
         exitCode = -1;
     } catch (...) {
         exitCode = -1;

@@ -28,6 +28,7 @@
 #include "PniAccess.h"
 #include "qelBladeInfo.h"
 #include "qelConfSpaceData.h"
+#include "qelError.h"
 #include "qelHostAgent.h"
 #include "qelHostFacts.h"
 #include "qelIp.h"
@@ -124,23 +125,9 @@ const char usageText[] =
     "  6   the simulated controller could not be set up\n"
     "  64  bad command line\n";
 
-// The message of an exception. The library's error classes keep it in
-// errorText (their what() is empty); the rest say it through what().
-template <typename Error>
-bool errorTextOf(const std::exception& e, std::string& text) {
-    const auto* own = dynamic_cast<const Error*>(&e);
-    if (own == nullptr) return false;
-    text = own->errorText;
-    return true;
-}
-
+// The message of an exception, on one line.
 std::string messageOf(const std::exception& e) {
-    std::string text;
-    if (!(errorTextOf<qelIpmi::QelIpmiError>(e, text) || errorTextOf<qelIpmi::QelIpmiLanError>(e, text) ||
-          errorTextOf<qelIpmi::QelIpmiWatchdogError>(e, text) || errorTextOf<PniAccessError>(e, text) ||
-          errorTextOf<qelIp::QelIpError>(e, text) || errorTextOf<qelSystemInfo::QelSystemInfoError>(e, text) ||
-          errorTextOf<QelConfSpaceDataError>(e, text) || errorTextOf<QelBladeInfoError>(e, text)))
-        text = e.what();
+    std::string text = qelError::textOf(e);
     while (!text.empty() && text.back() == '\n') text.pop_back();
     return text.empty() ? "(no message)" : text;
 }
