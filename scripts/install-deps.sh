@@ -8,6 +8,7 @@ packages=(
   cmake g++ make pkg-config          # build
   libgtest-dev libgmock-dev          # unit tests
   libbenchmark-dev                   # benchmarks
+  libcli11-dev nlohmann-json3-dev    # qelctl: command line and JSON (header-only)
   iproute2                           # network-namespace tests: ip netns, veth, macvlan
   dmidecode                          # independent reader of SMBIOS tables
   python3                            # JSON oracle helpers in the system tests

@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# qelctl against the simulated controller process, every command in text and
+# in JSON (parsed by Python's json module), with ipmitool (through the
+# stand-in /dev/ipmi0) as the independent reader: Get Device ID and the
+# watchdog field by field, and the values qelctl writes read back. Also the
+# controller refusing a command (exit 1, the completion code named), no
+# controller (3) and bad usage (2).
+source "$(dirname "$0")/qeld-lib.sh"
+: "${QELCTL:?set QELCTL to the qelctl program}" "${PRELOAD:?set PRELOAD to libqelsim-preload.so}"
+
+start_bmcsim
+qelctl() { "$QELCTL" --bmc-socket "$SOCK" "$@"; }
+ipmi() { LD_PRELOAD=$PRELOAD QEL_BMCSIM_SOCKET=$SOCK ipmitool -I open "$@"; }
+# jq-like: json_get FILE PYTHON-EXPRESSION-ON-d
+json_get() { python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); print(eval(sys.argv[2]))' "$1" "$2"; }
+ipmitool_field() { ipmi "$1" "$2" "${3:-}" 2>/dev/null | sed -n "s/^$4 *: *//p" | head -1; }
+
+step "identity: text and JSON agree with ipmitool mc info"
+qelctl identity >"$T/id.txt"
+expect_eq "exit status" "$?" 0
+qelctl --json identity >"$T/id.json"
+expect_eq "JSON parses" "$(json_get "$T/id.json" 'type(d).__name__')" dict
+for pair in "device_id:Device ID" "firmware_revision:Firmware Revision" "ipmi_version:IPMI Version" \
+            "manufacturer_id:Manufacturer ID"; do
+  key=${pair%%:*}; label=${pair#*:}
+  expect_eq "$key" "$(json_get "$T/id.json" "d['$key']")" "$(ipmi mc info | sed -n "s/^$label *: *//p" | head -1)"
+done
+expect_eq "product_id" "$(json_get "$T/id.json" "d['product_id']")" "$(ipmi mc info | sed -n 's/^Product ID *: *\([0-9]*\).*/\1/p')"
+expect_true "text shows the firmware revision" grep -q "^Firmware Revision: *1.07$" "$T/id.txt"
+
+step "watchdog set / get / reset / stop, read back by ipmitool"
+qelctl watchdog set --timeout 300 >/dev/null
+expect_eq "set exit status" "$?" 0
+qelctl --json watchdog get >"$T/wd.json"
+expect_eq "initial_countdown" "$(json_get "$T/wd.json" "d['initial_countdown']")" "300.0"
+expect_eq "ipmitool: initial countdown" "$(ipmi mc watchdog get | sed -n 's/^Initial Countdown: *\([0-9.]*\) sec/\1/p')" "300.0"
+expect_eq "timer_use" "$(json_get "$T/wd.json" "d['timer_use']")" "SMS/OS"
+expect_eq "ipmitool: timer use" "$(ipmi mc watchdog get | sed -n 's/^Watchdog Timer Use: *\(.*\) (0x.*)/\1/p')" "SMS/OS"
+qelctl watchdog reset >/dev/null
+expect_eq "running after reset" "$(qelctl --json watchdog get | python3 -c 'import json,sys; print(json.load(sys.stdin)["running"])')" True
+expect_eq "ipmitool: running" "$(ipmi mc watchdog get | sed -n 's/^Watchdog Timer Is: *//p')" "Started/Running"
+qelctl watchdog stop >/dev/null
+expect_eq "ipmitool: stopped" "$(ipmi mc watchdog get | sed -n 's/^Watchdog Timer Is: *//p')" "Stopped"
+set +e
+qelctl watchdog set --timeout 300 --action reset >/dev/null 2>"$T/err"
+status=$?
+set -e
+expect_eq "an action without qeld running needs --yes" "$status" 2
+expect_true "it says why" grep -q "give --yes" "$T/err"
+qelctl watchdog set --timeout 120 --action reset --yes >/dev/null 2>&1
+expect_eq "ipmitool: action" "$(ipmi mc watchdog get | sed -n 's/^Watchdog Timer Action: *//p')" "Hard Reset (0x01)"
+qelctl watchdog stop >/dev/null
+
+step "config list / get / set"
+qelctl --json config list >"$T/config.json"
+expect_eq "variables" "$(json_get "$T/config.json" "len(d['variables'])")" 21
+expect_eq "soft-watchdog-time before" "$(json_get "$T/config.json" "[v['value'] for v in d['variables'] if v['name'] == 'soft-watchdog-time'][0]")" 300
+qelctl config set soft-watchdog-time 600 >/dev/null
+expect_eq "set exit status" "$?" 0
+expect_eq "the controller holds 600 s (its own dump)" "$(dump_value soft-watchdog | cut -d' ' -f2)" 600
+expect_eq "read back by number" "$(qelctl --json config get 0x43 | python3 -c 'import json,sys; print(json.load(sys.stdin)["value"])')" 600
+qelctl config set cabinet-location "Row 9, rack 3" >/dev/null
+expect_eq "text read back" "$(qelctl --json config get cabinet-location | python3 -c 'import json,sys; print(json.load(sys.stdin)["value"])')" "Row 9, rack 3"
+set +e
+qelctl config set soft-watchdog-time soon >/dev/null 2>"$T/err"
+expect_eq "a bad value: exit 1" "$?" 1
+qelctl config get no-such-variable >/dev/null 2>&1
+expect_eq "an unknown variable: exit 1" "$?" 1
+set -e
+
+step "inventory, host, status, metrics"
+qelctl --json inventory >"$T/inv.json"
+expect_eq "inventory lists lo" "$(json_get "$T/inv.json" "[i['name'] for i in d['interfaces']][0]")" lo
+expect_eq "inventory matches ip" "$(json_get "$T/inv.json" "len(d['interfaces'])")" "$(ip -o link | wc -l)"
+qelctl --json host >"$T/host.json"
+. /etc/os-release
+expect_eq "host os_name" "$(json_get "$T/host.json" "d['os_name']")" "$PRETTY_NAME"
+expect_eq "host os_release" "$(json_get "$T/host.json" "d['os_release']")" "$(uname -r)"
+qelctl --json status >"$T/status.json"
+expect_eq "status exit" "$?" 0
+expect_eq "status holds the watchdog" "$(json_get "$T/status.json" "d['watchdog']['timer_use']")" "SMS/OS"
+expect_eq "status: qeld" "$(json_get "$T/status.json" "d['qeld']['running']")" False
+qelctl metrics >"$T/metrics"
+expect_true "metrics: timer state" grep -qx "ipmi_bmc_watchdog_timer_state 0" "$T/metrics"
+expect_true "metrics: initial countdown" grep -qx "ipmi_bmc_watchdog_initial_countdown_seconds 120" "$T/metrics"
+expect_true "metrics: every line a comment or a sample" \
+  sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"[^\"]*\"\})? -?[0-9.e+-]+)$' '$T/metrics'"
+
+step "the controller refuses: exit 1, the completion code named"
+ctl fault completion-code c1 for 06 25
+set +e
+qelctl watchdog get >/dev/null 2>"$T/err"
+status=$?
+set -e
+expect_eq "exit status" "$status" 1
+expect_eq "message" "$(cat "$T/err")" "qelctl: watchdog get: Get Watchdog Timer: 0xC1 invalid command"
+
+step "no controller, bad usage"
+set +e
+"$QELCTL" --bmc-socket "$T/nobody.sock" identity >/dev/null 2>&1
+expect_eq "no controller: exit 3" "$?" 3
+"$QELCTL" frobnicate >/dev/null 2>&1
+expect_eq "unknown command: exit 2" "$?" 2
+"$QELCTL" --simulate --bmc-socket "$SOCK" identity >/dev/null 2>&1
+expect_eq "--simulate with --bmc-socket: exit 2" "$?" 2
+set -e
+
+finish

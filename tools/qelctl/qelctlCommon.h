@@ -1,0 +1,69 @@
+// What every qelctl subcommand shares: the controller exchange with its
+// errors, the output (aligned text or one JSON document), exit statuses.
+#ifndef QELCTL_COMMON_H
+#define QELCTL_COMMON_H
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qelctl {
+
+using Bytes = std::vector<unsigned char>;
+using Json = nlohmann::ordered_json;
+
+enum ExitStatus : int {
+    exitOk = 0,
+    exitFailed = 1,        // the controller refused or failed
+    exitUsage = 2,         // bad command line
+    exitNoController = 3,  // no IPMI device opens
+};
+
+// A failure that ends the command with exitFailed; the text names what
+// failed ("watchdog get: Get Watchdog Timer: 0xC1 invalid command").
+class Failure : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// "0xC1 invalid command" and so on, from the IPMI specification's table.
+std::string completionCodeText(unsigned char code);
+
+// One request to the controller through the library's transport; returns
+// the response data behind the completion code. Throws Failure naming
+// `what` for no answer or a completion code other than 0.
+Bytes exchange(const std::string& what, unsigned char netFn, unsigned char cmd, const Bytes& data = {});
+// The same, but gives the completion code back instead of throwing for it.
+unsigned char exchangeCode(const std::string& what, unsigned char netFn, unsigned char cmd, const Bytes& data,
+                           Bytes& response);
+
+// The output of one command: label/value lines for people, or the JSON
+// document.
+struct Output {
+    bool json = false;
+    // Prints "label:" padded to `width`, then the value.
+    static void line(const std::string& label, const std::string& value, int width = 26);
+    static void heading(const std::string& text);
+    // The JSON document, pretty-printed, on standard output.
+    static void print(const Json& document);
+};
+
+std::string hex8(unsigned value);
+std::string hexBytes(const Bytes& bytes);
+// "1.07" style: major, and the minor as two BCD digits.
+std::string bcdRevision(unsigned major, unsigned minorBcd);
+std::string ipv4Text(const unsigned char* bytes);
+std::string ipv6Text(const unsigned char* bytes);
+std::string macText(const unsigned char* bytes);
+
+// Whether qeld runs on this host: its pid file names a live process, or
+// systemd reports the unit active. The text says which.
+std::pair<bool, std::string> qeldRunning();
+
+}  // namespace qelctl
+
+#endif

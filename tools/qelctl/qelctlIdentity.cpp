@@ -1,0 +1,70 @@
+// qelctl identity: Get Device ID decoded.
+#include <cstdio>
+
+#include "qelIpmiCommands.h"
+#include "qelctlCommands.h"
+
+namespace qelctl {
+
+Json identityDocument() {
+    const Bytes r = exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId);
+    if (r.size() < 11) throw Failure("identity: Get Device ID: answer too short (" + std::to_string(r.size()) + " bytes)");
+    Json doc;
+    doc["device_id"] = r[0];
+    doc["device_revision"] = r[1] & 0x0F;
+    doc["provides_sdrs"] = (r[1] & 0x80) != 0;
+    doc["firmware_revision"] = bcdRevision(r[2] & 0x7F, r[3]);
+    doc["device_available"] = (r[2] & 0x80) == 0;
+    doc["ipmi_version"] = std::to_string(r[4] & 0x0F) + "." + std::to_string(r[4] >> 4);
+    doc["additional_device_support"] = r[5];
+    doc["manufacturer_id"] = r[6] | (r[7] << 8) | ((r[8] & 0x0F) << 16);
+    doc["product_id"] = r[9] | (r[10] << 8);
+    if (r.size() >= 15) {
+        char aux[9];
+        std::snprintf(aux, sizeof aux, "%02x%02x%02x%02x", r[11], r[12], r[13], r[14]);
+        doc["aux_firmware_revision"] = aux;
+    } else {
+        doc["aux_firmware_revision"] = nullptr;
+    }
+    return doc;
+}
+
+namespace {
+
+int run(const Output& out) {
+    const Json doc = identityDocument();
+    if (out.json) {
+        Output::print(doc);
+        return exitOk;
+    }
+    Output::line("Device ID", std::to_string(doc["device_id"].get<int>()));
+    Output::line("Device Revision", std::to_string(doc["device_revision"].get<int>()));
+    Output::line("Firmware Revision", doc["firmware_revision"].get<std::string>());
+    Output::line("IPMI Version", doc["ipmi_version"].get<std::string>());
+    Output::line("Manufacturer ID", std::to_string(doc["manufacturer_id"].get<int>()));
+    Output::line("Product ID", std::to_string(doc["product_id"].get<int>()) + " (" +
+                                    hex8(doc["product_id"].get<int>() >> 8) + hex8(doc["product_id"].get<int>()).substr(2) + ")");
+    Output::line("Aux Firmware Rev",
+                 doc["aux_firmware_revision"].is_null() ? "-" : doc["aux_firmware_revision"].get<std::string>());
+    return exitOk;
+}
+
+}  // namespace
+
+void addIdentity(CLI::App& app, Action& action) {
+    app.add_subcommand("identity", "the controller's Get Device ID, decoded")->callback([&action] { action = run; });
+    // The raw answer first, as scripts have read it.
+    app.add_subcommand("device-id", "Get Device ID: the raw answer, then decoded")->callback([&action] {
+        action = [](const Output& out) {
+            Bytes r;
+            const unsigned char code =
+                exchangeCode("device-id: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId, {}, r);
+            r.insert(r.begin(), code);
+            if (!out.json) std::printf("raw: %s\n", hexBytes(r).c_str());
+            if (code != 0) throw Failure("device-id: Get Device ID: " + completionCodeText(code));
+            return run(out);
+        };
+    });
+}
+
+}  // namespace qelctl

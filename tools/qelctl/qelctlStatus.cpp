@@ -1,0 +1,148 @@
+// qelctl status: everything at a glance. qelctl metrics: the watchdog and
+// the agent's state in the Prometheus text format (node_exporter's textfile
+// collector), under the names ipmi_exporter's watchdog collector uses where
+// it has one, so dashboards and alerts keep working.
+#include <cstdio>
+#include <iostream>
+
+#include "qelError.h"
+#include "qelctlCommands.h"
+
+namespace qelctl {
+
+namespace {
+
+// A section that could not be read is null, with the reason beside it.
+Json section(Json (*read)(), Json& errors, const char* name) {
+    try {
+        return read();
+    } catch (const std::exception& e) {
+        std::string text = qelError::textOf(e);
+        while (!text.empty() && text.back() == '\n') text.pop_back();
+        errors[name] = text;
+        return nullptr;
+    }
+}
+
+Json statusDocument() {
+    Json errors = Json::object();
+    Json doc;
+    const auto qeld = qeldRunning();
+    doc["qeld"] = Json{{"running", qeld.first}, {"how", qeld.second}};
+    doc["identity"] = section(identityDocument, errors, "identity");
+    doc["watchdog"] = section(watchdogDocument, errors, "watchdog");
+    doc["config"] = section(configDocument, errors, "config");
+    doc["host"] = section(hostDocument, errors, "host");
+    doc["inventory"] = section(inventoryDocument, errors, "inventory");
+    doc["errors"] = errors;
+    return doc;
+}
+
+const char* const timerUseNames[] = {"reserved", "BIOS FRB2", "BIOS/POST", "OS Load", "SMS/OS", "OEM"};
+const char* const actionNames[] = {"none", "hard reset", "power down", "power cycle"};
+
+void metric(const char* name, const char* help, const std::string& labels, double value, bool header = true) {
+    if (header) std::cout << "# HELP " << name << ' ' << help << "\n# TYPE " << name << " gauge\n";
+    std::cout << name << (labels.empty() ? "" : "{" + labels + "}") << ' ' << value << '\n';
+}
+
+int metrics(const Output&) {
+    const Json status = statusDocument();
+    const Json& wd = status["watchdog"];
+    metric("qel_up", "1 when the controller answered Get Watchdog Timer", "", wd.is_null() ? 0 : 1);
+    if (!wd.is_null()) {
+        metric("ipmi_bmc_watchdog_timer_state", "Watchdog timer running (1: running, 0: stopped)", "",
+               wd["running"].get<bool>() ? 1 : 0);
+        bool first = true;
+        for (const char* use : timerUseNames) {
+            metric("ipmi_bmc_watchdog_timer_use_state", "Watchdog timer use (1: the current one)",
+                   std::string("name=\"") + use + "\"", wd["timer_use"] == use ? 1 : 0, first);
+            first = false;
+        }
+        first = true;
+        for (const char* a : actionNames) {
+            metric("ipmi_bmc_watchdog_timeout_action_state", "Watchdog timeout action (1: the current one)",
+                   std::string("action=\"") + a + "\"", wd["timeout_action"] == a ? 1 : 0, first);
+            first = false;
+        }
+        metric("ipmi_bmc_watchdog_pretimeout_interval_seconds", "Watchdog pre-timeout interval in seconds", "",
+               wd["pre_timeout_interval"].get<double>());
+        metric("ipmi_bmc_watchdog_initial_countdown_seconds", "Watchdog initial countdown in seconds", "",
+               wd["initial_countdown"].get<double>());
+        if (!wd["present_countdown"].is_null())
+            metric("ipmi_bmc_watchdog_current_countdown_seconds", "Watchdog present countdown in seconds", "",
+                   wd["present_countdown"].get<double>());
+    }
+    metric("qel_agent_running", "1 when qeld runs on this host", "", status["qeld"]["running"].get<bool>() ? 1 : 0);
+    if (!status["config"].is_null()) {
+        for (const Json& v : status["config"]["variables"]) {
+            if (v["name"] == "agent-connection")
+                metric("qel_agent_connection_state", "The controller's view of the agent (1: connected)", "",
+                       v["value"] == "connected" ? 1 : 0);
+            if (v["name"] == "soft-watchdog-time" && v["value"].is_number())
+                metric("qel_agent_watchdog_configured_seconds", "The agent's watchdog time in the configuration space",
+                       "", v["value"].get<double>());
+        }
+    }
+    if (!status["inventory"].is_null()) {
+        double nics = 0;
+        for (const Json& i : status["inventory"]["interfaces"])
+            if (i["published"].get<std::string>().find("NIC record") != std::string::npos) ++nics;
+        metric("qel_agent_nics_published", "Interfaces whose addresses the agent publishes to NIC records", "", nics);
+    }
+    return status["errors"].empty() ? exitOk : exitFailed;
+}
+
+}  // namespace
+
+void addStatus(CLI::App& app, Action& action) {
+    app.add_subcommand("status", "everything at a glance")->callback([&action] {
+        action = [](const Output& out) {
+            const Json doc = statusDocument();
+            if (out.json) {
+                Output::print(doc);
+                return doc["errors"].empty() ? static_cast<int>(exitOk) : static_cast<int>(exitFailed);
+            }
+            Output::line("qeld", doc["qeld"]["how"].get<std::string>());
+            if (!doc["host"].is_null()) Output::line("watchdog keeper", doc["host"]["watchdog_keeper"].get<std::string>());
+            if (!doc["identity"].is_null())
+                Output::line("controller", "firmware " + doc["identity"]["firmware_revision"].get<std::string>() +
+                                               ", IPMI " + doc["identity"]["ipmi_version"].get<std::string>() +
+                                               ", manufacturer " +
+                                               std::to_string(doc["identity"]["manufacturer_id"].get<int>()));
+            if (!doc["watchdog"].is_null()) {
+                const Json& wd = doc["watchdog"];
+                char text[128];
+                std::snprintf(text, sizeof text, "%s, %s, %.1f s of %.1f s left, action %s",
+                              wd["timer_use"].get<std::string>().c_str(), wd["running"].get<bool>() ? "running" : "stopped",
+                              wd["present_countdown"].is_null() ? 0.0 : wd["present_countdown"].get<double>(),
+                              wd["initial_countdown"].get<double>(), wd["timeout_action"].get<std::string>().c_str());
+                Output::line("watchdog", text);
+            }
+            if (!doc["config"].is_null())
+                for (const Json& v : doc["config"]["variables"])
+                    if (v["name"] == "soft-watchdog-time" || v["name"] == "soft-watchdog-enabled" ||
+                        v["name"] == "agent-connection" || v["name"].get<std::string>().rfind("address-", 0) == 0)
+                        Output::line(v["name"].get<std::string>(),
+                                     v["value"].is_null()      ? "-"
+                                     : v["value"].is_string()  ? v["value"].get<std::string>()
+                                     : v["value"].is_boolean() ? (v["value"].get<bool>() ? "on" : "off")
+                                                               : v["value"].dump());
+            if (!doc["host"].is_null()) {
+                Output::line("os", doc["host"]["os_name"].get<std::string>() + " (" + doc["host"]["os_release"].get<std::string>() + ")");
+            }
+            if (!doc["inventory"].is_null())
+                for (const Json& i : doc["inventory"]["interfaces"])
+                    Output::line("  " + i["name"].get<std::string>(), i["published"].get<std::string>());
+            for (const auto& e : doc["errors"].items()) std::cerr << "qelctl: status: " << e.value().get<std::string>() << '\n';
+            return doc["errors"].empty() ? static_cast<int>(exitOk) : static_cast<int>(exitFailed);
+        };
+    });
+}
+
+void addMetrics(CLI::App& app, Action& action) {
+    app.add_subcommand("metrics", "the watchdog and the agent's state in the Prometheus text format")
+        ->callback([&action] { action = metrics; });
+}
+
+}  // namespace qelctl
