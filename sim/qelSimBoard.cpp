@@ -93,23 +93,6 @@ SimBoard::Ipv6 parseIpv6(const std::string& word) {
     return a;
 }
 
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7F) {
-            char esc[5];
-            std::snprintf(esc, sizeof esc, "\\x%02x", c);
-            out += esc;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + '"';
-}
-
 const char* kindText(SimBoard::Kind kind) {
     switch (kind) {
     case SimBoard::Kind::old:
@@ -545,10 +528,10 @@ void SimBoard::dump(std::ostream& out) const {
                 << hexText(Bytes{static_cast<unsigned char>(e.data[5] & 0x0F)}) << '\n';
     }
     if (osText_)
-        out << "os-text " << quoted(osText_->text) << " via " << hexText(Bytes{osText_->command})
+        out << "os-text " << quotedText(osText_->text) << " via " << hexText(Bytes{osText_->command})
             << " byte0 " << hexText(Bytes{osText_->byte0}) << '\n';
     if (platformText_)
-        out << "platform-text " << quoted(platformText_->text) << " via "
+        out << "platform-text " << quotedText(platformText_->text) << " via "
             << hexText(Bytes{platformText_->command}) << " byte0 " << hexText(Bytes{platformText_->byte0})
             << '\n';
 }

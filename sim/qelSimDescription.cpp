@@ -91,6 +91,24 @@ std::string hexText(const Bytes& bytes) {
     return out;
 }
 
+std::string quotedText(const std::string& text) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7F) {
+            out += "\\x";
+            out += digits[c >> 4];
+            out += digits[c & 0xF];
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + '"';
+}
+
 void loadDescription(SimBmc& bmc, std::istream& in, const std::string& source) {
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {

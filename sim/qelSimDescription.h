@@ -36,6 +36,9 @@ bool parseOnOff(const std::string& word);
 int parseErrno(const std::string& word);
 // Lower-case hex bytes separated by single spaces.
 std::string hexText(const Bytes& bytes);
+// A text in double quotes for the dump: '"' and '\\' escaped, bytes outside
+// printable ASCII as \xNN.
+std::string quotedText(const std::string& text);
 
 // Applies every line of `in` to `bmc`. Throws std::invalid_argument
 // "<source>:<line>: <what was wrong>" at the first bad line.

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "qelIpmiCommands.h"
+#include "qelSimDescription.h"
 
 namespace qelSim {
 
@@ -16,34 +17,6 @@ constexpr unsigned char parameterRevision = 0x11;
 constexpr std::size_t blockSize = 16;
 // Block 0 carries the encoding and the length in front of its 14 bytes.
 constexpr std::size_t firstBlockText = blockSize - 2;
-
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c > 0x7E) {
-            static const char digits[] = "0123456789abcdef";
-            out += "\\x";
-            out += digits[c >> 4];
-            out += digits[c & 0x0F];
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
-unsigned char number(const std::string& word, const char* what) {
-    try {
-        std::size_t used = 0;
-        const unsigned long v = std::stoul(word, &used, 0);
-        if (used == word.size() && v <= 0xFF) return static_cast<unsigned char>(v);
-    } catch (const std::exception&) {
-    }
-    throw std::invalid_argument(std::string("not a ") + what + ": " + word);
-}
 
 }  // namespace
 
@@ -167,14 +140,14 @@ void registerSystemInfoCommands(SimBmc& bmc) {
     bmc.addKeyword("sysinfo-unsupported", "sysinfo-unsupported N...: System Info Parameters that answer 0x80",
                    [info](const std::vector<std::string>& w) {
                        if (w.empty()) throw std::invalid_argument("sysinfo-unsupported N...");
-                       for (const std::string& word : w) info->setUnsupported(number(word, "parameter"), true);
+                       for (const std::string& word : w) info->setUnsupported(static_cast<unsigned char>(parseNumber(word, 0xFF)), true);
                    });
     bmc.addKeyword("sysinfo-text", "sysinfo-text N TEXT...: a System Info Parameter's string",
                    [info](const std::vector<std::string>& w) {
                        if (w.size() < 2) throw std::invalid_argument("sysinfo-text N TEXT...");
                        std::string text;
                        for (std::size_t i = 1; i < w.size(); ++i) text += (i > 1 ? " " : "") + w[i];
-                       info->setText(number(w[0], "parameter"), text);
+                       info->setText(static_cast<unsigned char>(parseNumber(w[0], 0xFF)), text);
                    });
     bmc.addDumpSection("system-info", [info](std::ostream& out) {
         if (!info->known()) {
@@ -183,7 +156,7 @@ void registerSystemInfoCommands(SimBmc& bmc) {
         }
         for (unsigned char p = SimSystemInfo::firstString; p <= SimSystemInfo::lastString; ++p) {
             const auto t = info->text(p);
-            out << "sysinfo-" << int(p) << ' ' << (t ? quoted(*t) : std::string("-")) << '\n';
+            out << "sysinfo-" << int(p) << ' ' << (t ? quotedText(*t) : std::string("-")) << '\n';
         }
     });
 }

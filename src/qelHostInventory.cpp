@@ -275,36 +275,34 @@ bool dump(int fd, std::uint16_t requestType, std::uint32_t sequence, std::vector
     }
 }
 
+// Reads one dump until the kernel completes it without an interruption;
+// `what` names the list in the error when it never does.
+template <typename Record, typename Parse>
+std::vector<Record> completeDump(int fd, std::uint16_t request, std::uint16_t reply, std::uint32_t& sequence,
+                                 std::vector<unsigned char>& buffer, const char* what, Parse parse) {
+    std::vector<Record> records;
+    for (int attempt = 1;; ++attempt) {
+        records.clear();
+        const bool complete = dump(fd, request, sequence++, buffer,
+                                   [&](std::uint16_t type, const unsigned char* payload, size_t length) {
+                                       if (type == reply) parse(payload, length, records);
+                                   });
+        if (complete) return records;
+        if (attempt == QelHostInventory::maxDumpAttempts)
+            QEL_THROW(QelHostInventoryError, std::string("the ") + what + " kept changing while it was read (" +
+                                                 std::to_string(attempt) + " attempts)");
+    }
+}
+
 std::vector<Interface> readKernel() {
     NetlinkSocket socket;
     std::vector<unsigned char> buffer(32768);
     std::uint32_t sequence = 1;
 
-    std::vector<Interface> links;
-    for (int attempt = 1;; ++attempt) {
-        links.clear();
-        const bool complete = dump(socket.fd(), RTM_GETLINK, sequence++, buffer,
-                                   [&](std::uint16_t type, const unsigned char* payload, size_t length) {
-                                       if (type == RTM_NEWLINK) parseLink(payload, length, links);
-                                   });
-        if (complete) break;
-        if (attempt == QelHostInventory::maxDumpAttempts)
-            QEL_THROW(QelHostInventoryError, "the interface list kept changing while it was read (" +
-                                                 std::to_string(attempt) + " attempts)");
-    }
-
-    std::vector<AddressRecord> addresses;
-    for (int attempt = 1;; ++attempt) {
-        addresses.clear();
-        const bool complete = dump(socket.fd(), RTM_GETADDR, sequence++, buffer,
-                                   [&](std::uint16_t type, const unsigned char* payload, size_t length) {
-                                       if (type == RTM_NEWADDR) parseAddress(payload, length, addresses);
-                                   });
-        if (complete) break;
-        if (attempt == QelHostInventory::maxDumpAttempts)
-            QEL_THROW(QelHostInventoryError, "the address list kept changing while it was read (" +
-                                                 std::to_string(attempt) + " attempts)");
-    }
+    std::vector<Interface> links = completeDump<Interface>(socket.fd(), RTM_GETLINK, RTM_NEWLINK, sequence, buffer,
+                                                           "interface list", parseLink);
+    std::vector<AddressRecord> addresses = completeDump<AddressRecord>(
+        socket.fd(), RTM_GETADDR, RTM_NEWADDR, sequence, buffer, "address list", parseAddress);
 
     std::sort(links.begin(), links.end(), [](const Interface& a, const Interface& b) { return a.index < b.index; });
     // A link listed twice (it changed between two datagrams of one dump)
