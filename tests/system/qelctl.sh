@@ -86,6 +86,31 @@ expect_true "metrics: initial countdown" grep -qx "ipmi_bmc_watchdog_initial_cou
 expect_true "metrics: every line a comment or a sample" \
   sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"[^\"]*\"\})? -?[0-9.e+-]+)$' '$T/metrics'"
 
+step "lan: agrees with ipmitool lan print"
+qelctl --json lan >"$T/lan.json"
+expect_eq "lan exit" "$?" 0
+lanprint=$(ipmi lan print "$(json_get "$T/lan.json" "d['channel']")" 2>/dev/null)
+expect_eq "ipv4_address" "$(json_get "$T/lan.json" "d['ipv4_address']")" "$(echo "$lanprint" | sed -n 's/^IP Address  *: *//p')"
+expect_eq "subnet_mask" "$(json_get "$T/lan.json" "d['subnet_mask']")" "$(echo "$lanprint" | sed -n 's/^Subnet Mask  *: *//p')"
+expect_eq "default_gateway" "$(json_get "$T/lan.json" "d['default_gateway']")" "$(echo "$lanprint" | sed -n 's/^Default Gateway IP  *: *//p')"
+expect_eq "mac_address" "$(json_get "$T/lan.json" "d['mac_address']")" "$(echo "$lanprint" | sed -n 's/^MAC Address  *: *//p')"
+expect_true "text output" sh -c "$QELCTL --bmc-socket $SOCK lan | grep -q '^IP Address:'"
+
+step "pni: agrees with ipmitool's copy decoded independently"
+qelctl --json pni --raw >"$T/pni.json"
+expect_eq "pni exit" "$?" 0
+expect_eq "checks" "$(json_get "$T/pni.json" "d['checks']")" ok
+ipmi fru read "$(json_get "$T/pni.json" "d['fru_device_id']")" "$T/fru.bin" >/dev/null 2>&1
+python3 "$SYSTEM_DIR/pni_decode.py" "$T/fru.bin" >"$T/pni.independent"
+json_get "$T/pni.json" "'\n'.join('%s ipv4=%s ipv6=%s' % (f['mac'], ','.join(f['ipv4']) or '-', ','.join(f['ipv6']) or '-') for a in d['adapters'] for p in a['ports'] for f in p['functions'] if f['type'] == 'NIC')" >"$T/pni.ours"
+expect_eq "every NIC function as the independent decoder reads it" "$(cat "$T/pni.ours")" "$(cat "$T/pni.independent")"
+expect_true "--raw gives the record bytes" sh -c "[ -n \"\$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))[\"raw\"])' $T/pni.json)\" ]"
+
+step "board"
+qelctl --json board >"$T/board.json"
+expect_eq "board exit" "$?" 0
+expect_eq "blade_system is a boolean" "$(json_get "$T/board.json" "type(d['blade_system']).__name__")" bool
+
 step "the controller refuses: exit 1, the completion code named"
 ctl fault completion-code c1 for 06 25
 set +e
@@ -104,5 +129,15 @@ expect_eq "unknown command: exit 2" "$?" 2
 "$QELCTL" --simulate --bmc-socket "$SOCK" identity >/dev/null 2>&1
 expect_eq "--simulate with --bmc-socket: exit 2" "$?" 2
 set -e
+
+step "the manual page and the bash completion"
+if command -v man >/dev/null; then
+  MANWIDTH=80 man --warnings -l "$QEL_SOURCE_DIR/packaging/qelctl.8" >"$T/man.txt" 2>"$T/man.err"
+  expect_eq "man warnings" "$(cat "$T/man.err")" ""
+  for c in status identity watchdog config lan pni board inventory host metrics; do
+    expect_true "the manual names $c" grep -qw "$c" "$T/man.txt"
+  done
+fi
+expect_true "the completion script parses" bash -n "$QEL_SOURCE_DIR/packaging/qelctl.bash-completion"
 
 finish

@@ -4,7 +4,7 @@
 //   qelctl [--simulate | --bmc-socket PATH] [--json] COMMAND ...
 //
 // Commands: status, identity, device-id, watchdog get|set|reset|stop,
-// config list|get|set, inventory, host, metrics. `qelctl --help` and
+// config list|get|set, lan, pni, board, inventory, host, metrics. `qelctl --help` and
 // `qelctl COMMAND --help` say more; packaging/qelctl.8 at length.
 //
 // Exit status: 0 done, 1 the controller refused or failed (the completion
@@ -46,6 +46,9 @@ int main(int argc, char** argv) {
     addIdentity(app, action);
     addWatchdog(app, action);
     addConfig(app, action);
+    addLan(app, action);
+    addPni(app, action);
+    addBoard(app, action);
     addInventory(app, action);
     addHost(app, action);
     addMetrics(app, action);

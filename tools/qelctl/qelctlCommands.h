@@ -22,6 +22,9 @@ void addInventory(CLI::App& app, Action& action);
 void addHost(CLI::App& app, Action& action);
 void addMetrics(CLI::App& app, Action& action);
 void addStatus(CLI::App& app, Action& action);
+void addLan(CLI::App& app, Action& action);
+void addPni(CLI::App& app, Action& action);
+void addBoard(CLI::App& app, Action& action);
 
 // The documents of the read-only commands, for `status` and `metrics`.
 Json identityDocument();
@@ -29,6 +32,10 @@ Json watchdogDocument();
 Json configDocument();
 Json inventoryDocument();
 Json hostDocument();
+Json lanDocument();
+Json boardDocument();
+// `recordBytes`, when given, gets the record's header and data.
+Json pniDocument(Bytes* recordBytes);
 
 }  // namespace qelctl
 

@@ -6,8 +6,10 @@
 
 namespace qelctl {
 
-Json identityDocument() {
-    const Bytes r = exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId);
+namespace {
+
+// The answer behind the completion code, decoded.
+Json decode(const Bytes& r) {
     if (r.size() < 11) throw Failure("identity: Get Device ID: answer too short (" + std::to_string(r.size()) + " bytes)");
     Json doc;
     doc["device_id"] = r[0];
@@ -29,10 +31,7 @@ Json identityDocument() {
     return doc;
 }
 
-namespace {
-
-int run(const Output& out) {
-    const Json doc = identityDocument();
+int print(const Output& out, const Json& doc) {
     if (out.json) {
         Output::print(doc);
         return exitOk;
@@ -49,7 +48,13 @@ int run(const Output& out) {
     return exitOk;
 }
 
+int run(const Output& out) { return print(out, identityDocument()); }
+
 }  // namespace
+
+Json identityDocument() {
+    return decode(exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId));
+}
 
 void addIdentity(CLI::App& app, Action& action) {
     app.add_subcommand("identity", "the controller's Get Device ID, decoded")->callback([&action] { action = run; });
@@ -62,7 +67,8 @@ void addIdentity(CLI::App& app, Action& action) {
             r.insert(r.begin(), code);
             if (!out.json) std::printf("raw: %s\n", hexBytes(r).c_str());
             if (code != 0) throw Failure("device-id: Get Device ID: " + completionCodeText(code));
-            return run(out);
+            r.erase(r.begin());
+            return print(out, decode(r));
         };
     });
 }

@@ -32,6 +32,8 @@ Json statusDocument() {
     doc["identity"] = section(identityDocument, errors, "identity");
     doc["watchdog"] = section(watchdogDocument, errors, "watchdog");
     doc["config"] = section(configDocument, errors, "config");
+    doc["lan"] = section(lanDocument, errors, "lan");
+    doc["board"] = section(boardDocument, errors, "board");
     doc["host"] = section(hostDocument, errors, "host");
     doc["inventory"] = section(inventoryDocument, errors, "inventory");
     doc["errors"] = errors;
