@@ -111,6 +111,46 @@ qelctl --json board >"$T/board.json"
 expect_eq "board exit" "$?" 0
 expect_eq "blade_system is a boolean" "$(json_get "$T/board.json" "type(d['blade_system']).__name__")" bool
 
+step "every command the controller refuses: exit 1, the command and the completion code named"
+refused() { # NETFN CMD QELCTL-ARGS...: the first such request answers 0xC1
+  local netfn=$1 cmd=$2 status
+  shift 2
+  ctl clear-faults >/dev/null
+  ctl fault completion-code c1 for "$netfn" "$cmd"
+  set +e
+  qelctl "$@" >/dev/null 2>"$T/err"
+  status=$?
+  set -e
+  ctl clear-faults >/dev/null
+  expect_eq "qelctl $* refused: exit" "$status" 1
+  expect_true "qelctl $* says 0xC1 invalid command" grep -q "0xC1 invalid command" "$T/err"
+}
+refused 06 01 identity
+refused 06 01 --json identity
+refused 06 25 watchdog get
+refused 06 24 watchdog set --timeout 300
+refused 06 22 watchdog reset
+refused 2e e0 config get soft-watchdog-time
+refused 2e e0 config list
+refused 2e e0 config set soft-watchdog-time 300
+refused 0c 02 lan
+refused 34 40 pni
+refused 0a 11 pni
+refused 06 25 status
+refused 06 25 metrics
+
+step "independent readers after qelctl wrote"
+qelctl config set soft-watchdog-time 900 >/dev/null
+n=${QEL_VENDOR_IANA:-32473}
+iana=$(printf '0x%02x 0x%02x 0x%02x' $((n & 255)) $((n >> 8 & 255)) $((n >> 16 & 255)))
+# shellcheck disable=SC2086
+expect_eq "ipmitool raw reads the variable qelctl wrote (900 s)" \
+  "$(ipmi raw 0x2e 0xe0 $iana 0x01 0x00 0x43 0x00 | tr -s ' \n' ' ' | sed 's/^ //; s/ $//')" \
+  "$(printf '%02x %02x %02x' $((n & 255)) $((n >> 8 & 255)) $((n >> 16 & 255))) 02 84 03"
+IPMI_FRU=$(command -v ipmi-fru || echo /usr/sbin/ipmi-fru)
+expect_eq "ipmi-fru finds no bad checksum in the FRU qelctl pni decoded" \
+  "$("$IPMI_FRU" -vv --fru-file="$T/fru.bin" 2>&1 | grep -ci 'checksum invalid' || true)" 0
+
 step "the controller refuses: exit 1, the completion code named"
 ctl fault completion-code c1 for 06 25
 set +e

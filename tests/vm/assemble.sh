@@ -3,7 +3,7 @@
 # initramfs holding busybox, ipmitool, dmidecode, strace, the kernel's IPMI
 # modules, and the project's binaries with the guest test scripts.
 #
-#   assemble.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]
+#   assemble.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE] [--qelctl FILE]
 #
 # Writes DIR/kernel (a link into the cache) and DIR/initrd.img. The packages are fetched with
 # `apt-get download` and everything derived from them (the extracted trees and
@@ -17,13 +17,14 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-out= probe= lib= qeld=
+out= probe= lib= qeld= qelctl=
 while (($#)); do
   case $1 in
     --out) out=$2; shift 2 ;;
     --probe) probe=$2; shift 2 ;;
     --lib) lib=$2; shift 2 ;;
     --qeld) qeld=$2; shift 2 ;;
+    --qelctl) qelctl=$2; shift 2 ;;
     *) echo "assemble.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -279,6 +280,10 @@ proj_bins=("$probe")
 if [ -n "$qeld" ]; then
   install -m755 "$qeld" "$proj/usr/local/bin/qeld"
   proj_bins+=("$qeld")
+fi
+if [ -n "$qelctl" ]; then
+  install -m755 "$qelctl" "$proj/usr/local/bin/qelctl"
+  proj_bins+=("$qelctl")
 fi
 for b in "${proj_bins[@]}" "$lib"; do
   while read -r l; do

@@ -17,7 +17,7 @@
 #                  simulator's traffic and state afterwards
 #
 #   run-vm-tests.sh --out DIR --probe FILE --lib LIBQELBASE [--qeld FILE]
-#                   [--bmcsim QEL-BMCSIM] [--iana N]
+#                   [--qelctl FILE] [--bmcsim QEL-BMCSIM] [--iana N]
 #
 # Every boot is bounded by a host-side timeout, all boots together by
 # $QEL_VM_BUDGET seconds (default 300). A VM that cannot start fails the run
@@ -26,13 +26,14 @@
 set -uo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-out= probe= lib= qeld= bmcsim= iana=32473
+out= probe= lib= qeld= qelctl= bmcsim= iana=32473
 while (($#)); do
   case $1 in
     --out) out=$2; shift 2 ;;
     --probe) probe=$2; shift 2 ;;
     --lib) lib=$2; shift 2 ;;
     --qeld) qeld=$2; shift 2 ;;
+    --qelctl) qelctl=$2; shift 2 ;;
     --bmcsim) bmcsim=$2; shift 2 ;;
     --iana) iana=$2; shift 2 ;;
     *) echo "run-vm-tests.sh: unknown argument $1" >&2; exit 2 ;;
@@ -59,6 +60,7 @@ note() { echo "$*" | tee -a "$figures"; }
 t=$(now)
 asm=(bash "$here/assemble.sh" --out "$out" --probe "$probe" --lib "$lib")
 [ -n "$qeld" ] && asm+=(--qeld "$qeld")
+[ -n "$qelctl" ] && asm+=(--qelctl "$qelctl")
 if ! "${asm[@]}" > "$out/assemble.log" 2>&1; then
   cat "$out/assemble.log"
   fatal "the VM could not be assembled (see above)"

@@ -1,6 +1,7 @@
 // qelctl lan: the controller's own LAN channel as the library reads it.
 #include "qelAddress.h"
 #include "qelIpmi.h"
+#include "qelIpmiCommands.h"
 #include "qelctlCommands.h"
 
 namespace qelctl {
@@ -33,16 +34,27 @@ const char* ipv6StateText(int state) {
 }  // namespace
 
 Json lanDocument() {
-    if (qelIpmi::QelIpmiLan::getLanChannelNumber(0) > 7) throw Failure("lan: the controller reports no LAN channel");
-    qelIpmi::QelIpmiLan lan(0);
-    if (!lan.valid) throw Failure("lan: Get LAN Configuration Parameters failed on channel " + std::to_string(lan.channel));
+    const unsigned char channel = qelIpmi::QelIpmiLan::getLanChannelNumber(0);
+    if (channel > 7) throw Failure("lan: the controller reports no LAN channel");
+    // The standard parameters are read here one by one, so that a refusal
+    // is reported with its completion code (the library's reader takes a
+    // missing parameter for an empty one); the IPv6 list is the library's.
+    auto parameter = [&](unsigned char number, std::size_t size, const char* name) {
+        const Bytes r = exchange(std::string("lan: Get LAN Configuration Parameters (") + name + ")",
+                                 qelIpmi::netfn::transport, qelIpmi::cmd::getLanConfigParameters,
+                                 {channel, number, 0x00, 0x00});
+        if (r.size() < 1 + size) throw Failure(std::string("lan: ") + name + ": answer too short");
+        return Bytes(r.begin() + 1, r.begin() + 1 + static_cast<long>(size));  // behind the revision byte
+    };
     Json doc;
-    doc["channel"] = lan.channel;
-    doc["ipv4_address"] = ipv4Text(lan.ipAddress.octets);
-    doc["ipv4_source"] = sourceText(lan.ipAddressSource);
-    doc["subnet_mask"] = ipv4Text(lan.subnetMask.octets);
-    doc["default_gateway"] = ipv4Text(lan.defaultGateway.octets);
-    doc["mac_address"] = macText(lan.macAddress.bytes);
+    doc["channel"] = channel;
+    doc["ipv4_address"] = ipv4Text(parameter(3, 4, "IP address").data());
+    doc["ipv4_source"] = sourceText(parameter(4, 1, "IP address source")[0] & 0x0F);
+    doc["subnet_mask"] = ipv4Text(parameter(6, 4, "subnet mask").data());
+    doc["default_gateway"] = ipv4Text(parameter(12, 4, "default gateway").data());
+    doc["mac_address"] = macText(parameter(5, 6, "MAC address").data());
+    qelIpmi::QelIpmiLan lan(channel);
+    lan.update();
     doc["ipv6_enabled"] = lan.ipv6Enabled;
     doc["ipv6_addresses"] = Json::array();
     for (const auto& a : lan.ipv6Addresses) {

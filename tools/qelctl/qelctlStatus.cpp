@@ -92,6 +92,7 @@ int metrics(const Output&) {
             if (i["published"].get<std::string>().find("NIC record") != std::string::npos) ++nics;
         metric("qel_agent_nics_published", "Interfaces whose addresses the agent publishes to NIC records", "", nics);
     }
+    for (const auto& e : status["errors"].items()) std::cerr << "qelctl: metrics: " << e.value().get<std::string>() << '\n';
     return status["errors"].empty() ? exitOk : exitFailed;
 }
 

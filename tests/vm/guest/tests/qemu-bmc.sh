@@ -35,6 +35,23 @@ check_eq "identity firmwareVersion" "0.0.0000" "$(echo "$id" | kv firmwareVersio
 check_eq "identity firmwareRevision" "0x0000" "$(echo "$id" | kv firmwareRevision)"
 check_eq "identity oemFeatureAvailable" 0 "$(echo "$id" | kv oemFeatureAvailable)"
 
+echo "== qelctl --json identity and watchdog against ipmitool"
+if command -v qelctl >/dev/null; then
+  # A value of the pretty-printed document: "  \"key\": value," lines.
+  jv() { sed -n "s/^ *\"$1\": *\"\{0,1\}\([^\",]*\)\"\{0,1\},\{0,1\}\$/\1/p" | head -1; }
+  mi() { ipmitool mc info 2>/dev/null | sed -n "s/^$1 *: *//p" | head -1; }
+  qid=$(qelctl --json identity) || fail "qelctl --json identity failed"
+  check_eq "qelctl device_id equals ipmitool's" "$(mi 'Device ID')" "$(echo "$qid" | jv device_id)"
+  check_eq "qelctl firmware_revision equals ipmitool's" "$(mi 'Firmware Revision')" "$(echo "$qid" | jv firmware_revision)"
+  check_eq "qelctl ipmi_version equals ipmitool's" "$(mi 'IPMI Version')" "$(echo "$qid" | jv ipmi_version)"
+  check_eq "qelctl manufacturer_id equals ipmitool's" "$(mi 'Manufacturer ID')" "$(echo "$qid" | jv manufacturer_id)"
+  qwd=$(qelctl --json watchdog get) || fail "qelctl --json watchdog get failed"
+  check_eq "qelctl running equals ipmitool's" "$([ "$(ipmi_wd 'Watchdog Timer Is')" = Stopped ] && echo false || echo true)" "$(echo "$qwd" | jv running)"
+  check_eq "qelctl initial_countdown equals ipmitool's" "$(ipmi_wd 'Initial Countdown' | sed 's/ sec$//')" "$(echo "$qwd" | jv initial_countdown)"
+else
+  fail "qelctl is not in the guest"
+fi
+
 echo "== watchdog: set, reset and stop, each checked with ipmitool mc watchdog get"
 wd=$(qel-vm-probe watchdog get)
 check_eq "fresh watchdog: ipmitool says stopped" "Stopped" "$(ipmi_wd 'Watchdog Timer Is')"
