@@ -111,6 +111,21 @@ qelctl --json board >"$T/board.json"
 expect_eq "board exit" "$?" 0
 expect_eq "blade_system is a boolean" "$(json_get "$T/board.json" "type(d['blade_system']).__name__")" bool
 
+step "every command in text and in JSON"
+for c in status identity device-id "watchdog get" "config list" lan pni board inventory host metrics; do
+  # shellcheck disable=SC2086
+  qelctl $c >"$T/text" 2>"$T/err"
+  expect_eq "qelctl $c: exit" "$?" 0
+  expect_true "qelctl $c: text output" test -s "$T/text"
+  # shellcheck disable=SC2086
+  qelctl --json $c >"$T/json" 2>"$T/err"
+  expect_eq "qelctl --json $c parses as one JSON object" \
+    "$(python3 -c 'import json,sys; print(type(json.load(open(sys.argv[1]))).__name__)' "$T/json" 2>&1)" dict
+done
+expect_eq "identity: product_line is a boolean" "$(json_get "$T/id.json" "type(d.get('product_line')).__name__")" bool
+qelctl --json host >"$T/host.json"
+expect_true "host: boot time in CIM form" sh -c "python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))[\"boot_time\"])' $T/host.json | grep -Eq '^[0-9]{14}\.[0-9]{6}[+-][0-9]{3}$'"
+
 step "every command the controller refuses: exit 1, the command and the completion code named"
 refused() { # NETFN CMD QELCTL-ARGS...: the first such request answers 0xC1
   local netfn=$1 cmd=$2 status

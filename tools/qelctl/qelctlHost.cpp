@@ -8,6 +8,7 @@
 #include "qelHostFacts.h"
 #include "qelHostInventory.h"
 #include "qelSmbios.h"
+#include "qelSystemInfo.h"
 #include "qelctlCommands.h"
 
 namespace qelctl {
@@ -71,6 +72,14 @@ Json hostDocument() {
     const qelHostFacts::OsRelease release = qelHostFacts::readOsRelease();
     doc["os_name"] = release.displayName();
     doc["os_release"] = qelHostFacts::kernelRelease();
+    try {
+        qelSystemInfo::QelSystemInfo system;
+        doc["kernel"] = std::string(system.unameData.sysname) + " " + system.unameData.version;
+        doc["boot_time"] = system.lastBootUpTime;  // CIM date-time
+    } catch (const std::exception&) {
+        doc["kernel"] = nullptr;
+        doc["boot_time"] = nullptr;
+    }
     std::string source = "/dev/mem";
     {
         struct stat info;
@@ -148,6 +157,8 @@ void addHost(CLI::App& app, Action& action) {
             }
             Output::line("OS Name", orDash(doc["os_name"]));
             Output::line("OS Release", orDash(doc["os_release"]));
+            Output::line("Kernel", orDash(doc["kernel"]));
+            Output::line("Boot Time (CIM)", orDash(doc["boot_time"]));
             Output::line("System Manufacturer", orDash(doc["system_manufacturer"]));
             Output::line("System Product Name", orDash(doc["system_product_name"]));
             Output::line("System Serial Number", orDash(doc["system_serial_number"]));

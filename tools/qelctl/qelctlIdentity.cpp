@@ -1,6 +1,8 @@
 // qelctl identity: Get Device ID decoded.
 #include <cstdio>
 
+#include "qelBladeInfo.h"
+#include "qelIpmi.h"
 #include "qelIpmiCommands.h"
 #include "qelctlCommands.h"
 
@@ -45,6 +47,13 @@ int print(const Output& out, const Json& doc) {
                                     hex8(doc["product_id"].get<int>() >> 8) + hex8(doc["product_id"].get<int>()).substr(2) + ")");
     Output::line("Aux Firmware Rev",
                  doc["aux_firmware_revision"].is_null() ? "-" : doc["aux_firmware_revision"].get<std::string>());
+    if (doc.contains("device_guid")) {
+        Output::line("Device GUID", doc["device_guid"].is_null() ? "-" : doc["device_guid"].get<std::string>());
+        Output::line("System GUID", doc["system_guid"].is_null() ? "-" : doc["system_guid"].get<std::string>());
+        Output::line("Product Line Machine", doc["product_line"].is_null() ? "-" : doc["product_line"].get<bool>() ? "yes" : "no");
+        if (doc["eeprom_version_records"].is_array())
+            for (const Json& r : doc["eeprom_version_records"]) Output::line("EEPROM Version Record", r.get<std::string>());
+    }
     return exitOk;
 }
 
@@ -52,8 +61,41 @@ int run(const Output& out) { return print(out, identityDocument()); }
 
 }  // namespace
 
+namespace {
+
+// A GUID as the controller answers it (16 bytes, least significant first),
+// in the usual text form; null when the controller does not answer.
+Json guid(unsigned char cmd) {
+    Bytes r;
+    if (exchangeCode("identity: GUID", qelIpmi::netfn::app, cmd, {}, r) != 0 || r.size() < 16) return nullptr;
+    char text[40];
+    std::snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", r[15], r[14],
+                  r[13], r[12], r[11], r[10], r[9], r[8], r[7], r[6], r[5], r[4], r[3], r[2], r[1], r[0]);
+    return text;
+}
+
+}  // namespace
+
 Json identityDocument() {
-    return decode(exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId));
+    Json doc = decode(exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId));
+    doc["device_guid"] = guid(0x08);   // Get Device GUID
+    doc["system_guid"] = guid(0x37);   // Get System GUID
+    // The two EEPROM version records (completion code first), raw.
+    try {
+        qelIpmi::QelIpmiEEPROMVersionInfo records;
+        doc["eeprom_version_records"] = Json::array({hexBytes(Bytes(records.versionRecord[0], records.versionRecord[0] + 20)),
+                                                     hexBytes(Bytes(records.versionRecord[1], records.versionRecord[1] + 20))});
+    } catch (const std::exception&) {
+        doc["eeprom_version_records"] = nullptr;
+    }
+    // The product-line decision the library makes from SMBIOS.
+    try {
+        QelBladeInfo blade(QelBladeInfo::unknownSlot, true);
+        doc["product_line"] = blade.acSystem;
+    } catch (const std::exception&) {
+        doc["product_line"] = nullptr;
+    }
+    return doc;
 }
 
 void addIdentity(CLI::App& app, Action& action) {

@@ -43,12 +43,21 @@ Json statusDocument() {
 const char* const timerUseNames[] = {"reserved", "BIOS FRB2", "BIOS/POST", "OS Load", "SMS/OS", "OEM"};
 const char* const actionNames[] = {"none", "hard reset", "power down", "power cycle"};
 
+// With --json the samples are collected here instead of printed.
+Json* jsonSamples = nullptr;
+
 void metric(const char* name, const char* help, const std::string& labels, double value, bool header = true) {
+    if (jsonSamples != nullptr) {
+        jsonSamples->push_back(Json{{"name", name}, {"labels", labels}, {"value", value}});
+        return;
+    }
     if (header) std::cout << "# HELP " << name << ' ' << help << "\n# TYPE " << name << " gauge\n";
     std::cout << name << (labels.empty() ? "" : "{" + labels + "}") << ' ' << value << '\n';
 }
 
-int metrics(const Output&) {
+int metrics(const Output& out) {
+    Json samples = Json::array();
+    if (out.json) jsonSamples = &samples;
     const Json status = statusDocument();
     const Json& wd = status["watchdog"];
     metric("qel_up", "1 when the controller answered Get Watchdog Timer", "", wd.is_null() ? 0 : 1);
@@ -93,6 +102,10 @@ int metrics(const Output&) {
         metric("qel_agent_nics_published", "Interfaces whose addresses the agent publishes to NIC records", "", nics);
     }
     for (const auto& e : status["errors"].items()) std::cerr << "qelctl: metrics: " << e.value().get<std::string>() << '\n';
+    if (out.json) {
+        jsonSamples = nullptr;
+        Output::print(Json{{"metrics", samples}});
+    }
     return status["errors"].empty() ? exitOk : exitFailed;
 }
 
