@@ -1,12 +1,15 @@
 // qelctl inventory: this host's interfaces as the agent sees them, and what
 // it publishes of each. qelctl host: the SMBIOS and OS facts it publishes.
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 
 #include "qelHostFacts.h"
 #include "qelHostInventory.h"
+#include "qelPlatform.h"
 #include "qelSmbios.h"
 #include "qelSystemInfo.h"
 #include "qelctlCommands.h"
@@ -67,6 +70,46 @@ Json inventoryDocument() {
     return doc;
 }
 
+namespace {
+
+// The real platform with "/dev/mem" read from another file: the firmware's
+// tables from sysfs laid out as the reader expects, where /dev/mem is
+// refused or has no entry point (as qeld does it).
+class ImagePlatform : public qelPlatform::Platform {
+public:
+    explicit ImagePlatform(std::string path) : path_(std::move(path)) {}
+    std::string path(const std::string& fixed) const override {
+        return fixed == "/dev/mem" ? path_ : qelPlatform::Platform::path(fixed);
+    }
+
+private:
+    std::string path_;
+};
+
+// Fills the system fields from the table the reader finds; false when it
+// finds no System Information structure.
+bool systemFacts(Json& doc) {
+    try {
+        qelSmbios::QelSmbios table;
+        auto* sys = table.getFirstEntry(qelSmbios::SystemInformation);
+        if (sys == nullptr) return false;
+        const auto* b = reinterpret_cast<const unsigned char*>(sys);
+        auto str = [&](unsigned offset) -> Json {
+            if (sys->length <= offset || b[offset] == 0) return nullptr;
+            return qelSmbios::QelSmbios::getSmbiosStringS(sys, b[offset]);
+        };
+        doc["system_manufacturer"] = str(0x04);
+        doc["system_product_name"] = str(0x05);
+        doc["system_serial_number"] = str(0x07);
+        doc["system_family"] = str(0x1A);
+        return true;
+    } catch (const std::logic_error&) {
+        return false;
+    }
+}
+
+}  // namespace
+
 Json hostDocument() {
     Json doc;
     const qelHostFacts::OsRelease release = qelHostFacts::readOsRelease();
@@ -91,24 +134,24 @@ Json hostDocument() {
     doc["system_product_name"] = nullptr;
     doc["system_serial_number"] = nullptr;
     doc["system_family"] = nullptr;
-    try {
-        qelSmbios::QelSmbios table;
-        if (auto* sys = table.getFirstEntry(qelSmbios::SystemInformation)) {
-            const auto* b = reinterpret_cast<const unsigned char*>(sys);
-            auto str = [&](unsigned offset) -> Json {
-                if (sys->length <= offset || b[offset] == 0) return nullptr;
-                return qelSmbios::QelSmbios::getSmbiosStringS(sys, b[offset]);
-            };
-            doc["system_manufacturer"] = str(0x04);
-            doc["system_product_name"] = str(0x05);
-            doc["system_serial_number"] = str(0x07);
-            doc["system_family"] = str(0x1A);
-        } else if (source == "/dev/mem") {
-            source = "sysfs";  // the reader found no entry point where it looked
+    std::string bios;
+    if (systemFacts(doc)) {
+        bios = qelHostFacts::biosVersion();
+    } else if (source != "ESXi") {
+        source = "sysfs";
+        const std::string image = qelHostFacts::firmwareTablesImage();
+        const int fd = image.empty() ? -1 : ::memfd_create("qelctl-smbios", MFD_CLOEXEC);
+        if (fd >= 0) {
+            if (::write(fd, image.data(), image.size()) == static_cast<ssize_t>(image.size())) {
+                ImagePlatform platform("/proc/self/fd/" + std::to_string(fd));
+                qelPlatform::Platform* previous = qelPlatform::setPlatform(&platform);
+                systemFacts(doc);
+                bios = qelHostFacts::biosVersion();
+                qelPlatform::setPlatform(previous);
+            }
+            ::close(fd);
         }
-    } catch (const std::logic_error&) {
     }
-    const std::string bios = qelHostFacts::biosVersion();
     doc["bios_version"] = bios.empty() ? Json(nullptr) : Json(bios);
     doc["smbios_source"] = source;
     const std::string keeper = qelHostFacts::kernelIpmiWatchdog();

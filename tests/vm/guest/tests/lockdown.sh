@@ -30,6 +30,15 @@ blade=$(qel-vm-probe --firmware-tables blade)
 check_eq "QelBladeInfo bladeSystem (as with /dev/mem)" 1 "$(echo "$blade" | kv bladeSystem)"
 check_eq "QelBladeInfo acSystem (as with /dev/mem)" 1 "$(echo "$blade" | kv acSystem)"
 
+echo "== qelctl host reads the tables from sysfs too"
+if command -v qelctl >/dev/null; then
+  jv() { sed -n "s/^ *\"$1\": *\"\{0,1\}\([^\",]*\)\"\{0,1\},\{0,1\}\$/\1/p" | head -1; }
+  host=$(qelctl --json host) || fail "qelctl --json host failed"
+  check_eq "qelctl smbios_source" sysfs "$(echo "$host" | jv smbios_source)"
+  check_eq "qelctl system_product_name equals the firmware's" "$LOCKDOWN_SYS_PRODUCT" "$(echo "$host" | jv system_product_name)"
+  check_eq "qelctl system_serial_number equals the firmware's" "$LOCKDOWN_SYS_SERIAL" "$(echo "$host" | jv system_serial_number)"
+fi
+
 echo "== the agent on the locked-down kernel"
 if command -v qeld >/dev/null; then
   check "qeld --once (the host agent, tables from sysfs) exits 0" qeld --once --no-stderr
