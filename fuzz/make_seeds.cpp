@@ -5,6 +5,7 @@
 // in dmidecode's --dump-bin layout) placed in the F-segment with the table in
 // low memory, above 1 MiB and on an ESXi device, and one seed per component
 // or mode for the others.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -73,6 +74,32 @@ void pniSeeds(const fs::path& dir) {
     write(dir, "empty", pniSeed({}));
 }
 
+// A 32-bit entry point for `length` bytes of `table`, announcing the
+// structures a walk up to the end-of-table structure counts. The harness
+// makes its checksums right.
+Bytes entryPoint32(size_t length, const Bytes& table) {
+    unsigned count = 0;
+    for (size_t at = 0; at + 4 <= length;) {
+        ++count;
+        if (table[at] == 127) break;
+        size_t p = at + (table[at + 1] != 0 ? table[at + 1] : 4);
+        while (p + 1 < length && (table[p] != 0 || table[p + 1] != 0)) ++p;
+        at = p + 2;
+    }
+    Bytes ep(31, 0);
+    std::memcpy(ep.data(), "_SM_", 4);
+    ep[0x05] = 0x1F;
+    ep[0x06] = 3;
+    ep[0x07] = 0;
+    std::memcpy(&ep[0x10], "_DMI_", 5);
+    ep[0x16] = static_cast<unsigned char>(length);
+    ep[0x17] = static_cast<unsigned char>(length >> 8);
+    ep[0x1C] = static_cast<unsigned char>(count);
+    ep[0x1D] = static_cast<unsigned char>(count >> 8);
+    ep[0x1E] = 0x30;
+    return ep;
+}
+
 // fuzz_smbios: placement byte, F-segment slot, the 31-byte entry point, the
 // table (fuzz_smbios.cpp).
 void smbiosSeeds(const fs::path& dir, const fs::path& tables) {
@@ -81,9 +108,18 @@ void smbiosSeeds(const fs::path& dir, const fs::path& tables) {
         if (file.path().extension() != ".bin") continue;
         std::ifstream in(file.path(), std::ios::binary);
         const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        // Files with a 64-bit entry point only have no table this reader finds.
-        if (bytes.size() < 0x20 || std::memcmp(bytes.data(), "_SM_", 4) != 0) continue;
-        const size_t length = bytes[0x16] | (bytes[0x17] << 8);
+        if (bytes.size() < 0x20) continue;
+        Bytes ep(bytes.begin(), bytes.begin() + 31);
+        if (std::memcmp(bytes.data(), "_SM3_", 5) == 0) {
+            // A table behind a 64-bit entry point only: this reader knows
+            // only the 32-bit one, so one is made for the table (which is
+            // the firmware's own all the same).
+            const size_t maximum = bytes[0x0C] | (bytes[0x0D] << 8) | (bytes[0x0E] << 16);
+            ep = entryPoint32(std::min(maximum, bytes.size() - 0x20), Bytes(bytes.begin() + 0x20, bytes.end()));
+        } else if (std::memcmp(bytes.data(), "_SM_", 4) != 0) {
+            continue;
+        }
+        const size_t length = ep[0x16] | (ep[0x17] << 8);
         if (bytes.size() < 0x20 + length) continue;
         const std::string stem = file.path().stem().string();
         struct Placement {
@@ -92,7 +128,7 @@ void smbiosSeeds(const fs::path& dir, const fs::path& tables) {
         } placements[] = {{"-high", 0x02 | 0x08 | 0x04}, {"-low", 0x02 | 0x08}, {"-esxi", 0x01 | 0x02 | 0x08}};
         for (const Placement& placement : placements) {
             Bytes seed{placement.flags, static_cast<unsigned char>(written % 256)};
-            seed.insert(seed.end(), bytes.begin(), bytes.begin() + 31);
+            seed.insert(seed.end(), ep.begin(), ep.end());
             seed.insert(seed.end(), bytes.begin() + 0x20, bytes.begin() + 0x20 + static_cast<long>(length));
             // Only the first few tables in low memory and on ESXi: the
             // placements differ little, the tables much.
