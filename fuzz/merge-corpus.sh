@@ -2,8 +2,10 @@
 # Folds a campaign's inputs into the repository's corpus and minimises it:
 # for each target, libFuzzer's -merge=1 keeps the smallest set of inputs
 # (from fuzz/corpus/<target> and the campaign's <target>/) that reaches the
-# same coverage, and fuzz/corpus/<target> becomes that set. Inputs named
-# finding-* (the inputs of fixed findings) are always kept.
+# same coverage edges, and fuzz/corpus/<target> becomes that set. Edges, not
+# hit counts (-use_counters=0): the repository keeps a few hundred small
+# inputs a target instead of thousands, and the campaign directory keeps the
+# rest. Inputs named finding-* (the inputs of fixed findings) are always kept.
 #
 #   fuzz/merge-corpus.sh [BUILD_DIR] [TARGET...]
 # BUILD_DIR defaults to build/fuzz (its campaign/ holds the campaign's inputs).
@@ -17,7 +19,7 @@ for t in $targets; do
   mkdir -p "$corpus" "$build/campaign/$t"
   merged=$(mktemp -d)
   before=$(find "$corpus" -type f | wc -l)
-  nice -n 10 "$build/fuzz/$t" -merge=1 -timeout=10 "$merged" "$corpus" "$build/campaign/$t" \
+  nice -n 10 "$build/fuzz/$t" -merge=1 -use_counters=0 -timeout=10 "$merged" "$corpus" "$build/campaign/$t" \
     >"$build/campaign/$t.merge.log" 2>&1
   find "$corpus" -type f -name 'finding-*' -exec cp {} "$merged/" \;
   find "$corpus" -type f ! -name 'finding-*' -delete
