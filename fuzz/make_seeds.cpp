@@ -24,8 +24,10 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<unsigned char>;
 
-void write(const fs::path& dir, const std::string& name, const Bytes& bytes) {
+// Every seed's name starts with "seed-": fuzz/merge-corpus.sh always keeps them.
+void write(const fs::path& dir, const std::string& stem, const Bytes& bytes) {
     fs::create_directories(dir);
+    const std::string name = "seed-" + stem;
     std::ofstream out(dir / name, std::ios::binary);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("cannot write " + (dir / name).string());

@@ -5,7 +5,9 @@
 # same coverage edges, and fuzz/corpus/<target> becomes that set. Edges, not
 # hit counts (-use_counters=0): the repository keeps a few hundred small
 # inputs a target instead of thousands, and the campaign directory keeps the
-# rest. Inputs named finding-* (the inputs of fixed findings) are always kept.
+# rest. Inputs named seed-* (fuzz/make-seeds.sh) and finding-* (the inputs
+# of fixed findings) are always kept, and the merge adds only what reaches
+# edges they do not.
 #
 #   fuzz/merge-corpus.sh [BUILD_DIR] [TARGET...]
 # BUILD_DIR defaults to build/fuzz (its campaign/ holds the campaign's inputs).
@@ -19,11 +21,12 @@ for t in $targets; do
   mkdir -p "$corpus" "$build/campaign/$t"
   merged=$(mktemp -d)
   before=$(find "$corpus" -type f | wc -l)
+  # The kept inputs go first: libFuzzer then adds only what goes beyond them.
+  find "$corpus" -type f \( -name 'seed-*' -o -name 'finding-*' \) -exec cp {} "$merged/" \;
   nice -n 10 "$build/fuzz/$t" -merge=1 -use_counters=0 -timeout=10 "$merged" "$corpus" "$build/campaign/$t" \
     >"$build/campaign/$t.merge.log" 2>&1
-  find "$corpus" -type f -name 'finding-*' -exec cp {} "$merged/" \;
-  find "$corpus" -type f ! -name 'finding-*' -delete
-  cp -n "$merged"/* "$corpus/" 2>/dev/null || true
+  find "$corpus" -type f -delete
+  cp "$merged"/* "$corpus/" 2>/dev/null || true
   rm -rf "$merged"
   echo "$t: $before -> $(find "$corpus" -type f | wc -l) inputs"
 done
