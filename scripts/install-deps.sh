@@ -14,6 +14,7 @@ packages=(
   python3                            # JSON oracle helpers in the system tests
   ipmitool                           # independent IPMI decoder against the shared simulated controller
   freeipmi-tools                     # ipmi-fru: a second FRU decoder, one that checks the area checksums
+  clang libclang-rt-14-dev           # the fuzz tree: clang, and libFuzzer with the sanitizer runtimes
 )
 
 missing=()

@@ -35,6 +35,13 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 configure_and_build build/tsan qel-tsan-tests -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_SANITIZE=thread -DQEL_BUILD_BENCH=OFF
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests build/tsan -L tsan
 
+# Every fuzz target for a bounded time over the repository's corpus (which
+# holds the input of every fixed finding), two at a time, and the planted bug
+# that the SMBIOS target must find: the fuzz tree is its own build with clang.
+echo "== fuzz (bounded)"
+scripts/fuzz.sh --build-only --planted
+run_tests build/fuzz -L fuzz
+
 # The benchmarks build in the plain tree; run each once, briefly, so a broken
 # benchmark is noticed here and not on the day somebody measures.
 echo "== bench smoke"

@@ -266,7 +266,11 @@ bool dump(int fd, std::uint16_t requestType, std::uint32_t sequence, std::vector
                 std::memcpy(&error, payload, sizeof error);
                 if (error.error == 0)  // an acknowledgement; a dump does not end with one
                     QEL_THROW(QelHostInventoryError, std::string(what) + " answered with an acknowledgement, not a dump");
-                QEL_THROW(QelHostInventoryError, withErrno(std::string(what) + " refused: ", -error.error));
+                // The kernel sends a negative errno; whatever else arrives is
+                // negated without overflow (INT_MIN stays itself), so the text
+                // names the number as it came.
+                const int number = static_cast<int>(0u - static_cast<unsigned int>(error.error));
+                QEL_THROW(QelHostInventoryError, withErrno(std::string(what) + " refused: ", number));
             }
             parse(header.nlmsg_type, payload, payloadLength);
             const size_t step = NLMSG_ALIGN(header.nlmsg_len);

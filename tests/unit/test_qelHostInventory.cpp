@@ -16,6 +16,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <string>
 #include <vector>
@@ -480,6 +481,21 @@ TEST_F(HostInventoryCrafted, KernelErrorIsReportedWithItsText) {
                           return std::vector<Bytes>{datagram({errorMessage(-EPERM)}, sequence)};
                       }};
     EXPECT_EQ(failureText(), std::string("RTM_GETADDR refused: ") + std::strerror(EPERM));
+}
+
+// Found by fuzz_network: negating the error field overflowed for INT_MIN.
+TEST_F(HostInventoryCrafted, ErrorOfTheMostNegativeNumberIsReportedAsItCame) {
+    kernel.replies = {replyOf(twoLinks()), [](std::uint32_t sequence) {
+                          return std::vector<Bytes>{
+                              datagram({errorMessage(std::numeric_limits<int>::min())}, sequence)};
+                      }};
+    EXPECT_EQ(failureText(),
+              std::string("RTM_GETADDR refused: ") + std::strerror(std::numeric_limits<int>::min()));
+}
+
+TEST_F(HostInventoryCrafted, PositiveErrorNumberIsReportedNegated) {
+    kernel.replies = {[](std::uint32_t sequence) { return std::vector<Bytes>{datagram({errorMessage(EPERM)}, sequence)}; }};
+    EXPECT_EQ(failureText(), std::string("RTM_GETLINK refused: ") + std::strerror(-EPERM));
 }
 
 TEST_F(HostInventoryCrafted, AcknowledgementInPlaceOfADumpIsAnError) {

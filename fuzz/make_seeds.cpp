@@ -1,0 +1,168 @@
+// Writes the seed corpus of every fuzz target (fuzz/make-seeds.sh runs it):
+//   qel-fuzz-seeds OUTDIR [SMBIOS_TABLE_DIR]
+// OUTDIR/<target>/ gets the seeds: PNI images of every record version from
+// the simulator's builder, the real SMBIOS tables of SMBIOS_TABLE_DIR (files
+// in dmidecode's --dump-bin layout) placed in the F-segment with the table in
+// low memory, above 1 MiB and on an ESXi device, and one seed per component
+// or mode for the others.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "qelSimFru.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<unsigned char>;
+
+// Every seed's name starts with "seed-": fuzz/merge-corpus.sh always keeps them.
+void write(const fs::path& dir, const std::string& stem, const Bytes& bytes) {
+    fs::create_directories(dir);
+    const std::string name = "seed-" + stem;
+    std::ofstream out(dir / name, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + (dir / name).string());
+}
+
+// fuzz_pni: the image length (two bytes, least significant first), the image,
+// then what drives the controller and the operations.
+Bytes pniSeed(const Bytes& image, const Bytes& tail = {}) {
+    Bytes out{static_cast<unsigned char>(image.size()), static_cast<unsigned char>(image.size() >> 8)};
+    out.insert(out.end(), image.begin(), image.end());
+    out.insert(out.end(), tail.begin(), tail.end());
+    return out;
+}
+
+void pniSeeds(const fs::path& dir) {
+    using qelSim::PniImageBuilder;
+    for (unsigned char version : {10, 11, 12}) {
+        const Bytes image = PniImageBuilder::typical(version).build().bytes;
+        write(dir, "typical-v" + std::to_string(version), pniSeed(image));
+        // The same with bytes behind it: writes that fail part way, bent
+        // exchanges, other MACs and address counts.
+        write(dir, "typical-v" + std::to_string(version) + "-driven",
+              pniSeed(image, {0x01, 0x05, 0xC0, 0x03, 0x10, 0xFF, 0x07, 0x02, 0x01, 0x01, 0x11, 0x02}));
+    }
+    write(dir, "no-adapters", pniSeed(PniImageBuilder().build().bytes));
+    write(dir, "no-info-areas", pniSeed(PniImageBuilder::typical(12).infoAreas(false).build().bytes));
+    write(dir, "announces-more-adapters", pniSeed(PniImageBuilder::typical(11).announcedAdapters(5).build().bytes));
+
+    // One NIC whose area is full: fifteen addresses of each kind.
+    qelSim::PniFunctionSpec nic = qelSim::PniFunctionSpec::nic({0x02, 0, 0, 0, 0x0a, 0x01});
+    for (unsigned char i = 1; i <= 15; ++i) {
+        nic.ipv4.push_back({10, 0, 0, i});
+        qelSim::Ipv6Bytes v6{0x20, 0x01, 0x0d, 0xb8};
+        v6[15] = i;
+        nic.ipv6.push_back(v6);
+    }
+    qelSim::PniAdapterSpec adapter;
+    adapter.ports.push_back(qelSim::PniPortSpec{{nic}, 4});
+    write(dir, "full-nic-area", pniSeed(PniImageBuilder().version(12).adapter(adapter).build().bytes));
+    // A FRU with little room behind the record, so growing runs out of it.
+    try {
+        write(dir, "small-fru", pniSeed(PniImageBuilder::typical(12).fruSize(700).build().bytes));
+    } catch (const std::length_error&) {
+        // The typical record does not fit that size; the others cover it.
+    }
+    write(dir, "empty", pniSeed({}));
+}
+
+// A 32-bit entry point for `length` bytes of `table`, announcing the
+// structures a walk up to the end-of-table structure counts. The harness
+// makes its checksums right.
+Bytes entryPoint32(size_t length, const Bytes& table) {
+    unsigned count = 0;
+    for (size_t at = 0; at + 4 <= length;) {
+        ++count;
+        if (table[at] == 127) break;
+        size_t p = at + (table[at + 1] != 0 ? table[at + 1] : 4);
+        while (p + 1 < length && (table[p] != 0 || table[p + 1] != 0)) ++p;
+        at = p + 2;
+    }
+    Bytes ep(31, 0);
+    std::memcpy(ep.data(), "_SM_", 4);
+    ep[0x05] = 0x1F;
+    ep[0x06] = 3;
+    ep[0x07] = 0;
+    std::memcpy(&ep[0x10], "_DMI_", 5);
+    ep[0x16] = static_cast<unsigned char>(length);
+    ep[0x17] = static_cast<unsigned char>(length >> 8);
+    ep[0x1C] = static_cast<unsigned char>(count);
+    ep[0x1D] = static_cast<unsigned char>(count >> 8);
+    ep[0x1E] = 0x30;
+    return ep;
+}
+
+// fuzz_smbios: placement byte, F-segment slot, the 31-byte entry point, the
+// table (fuzz_smbios.cpp).
+void smbiosSeeds(const fs::path& dir, const fs::path& tables) {
+    int written = 0;
+    for (const auto& file : fs::directory_iterator(tables)) {
+        if (file.path().extension() != ".bin") continue;
+        std::ifstream in(file.path(), std::ios::binary);
+        const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (bytes.size() < 0x20) continue;
+        Bytes ep(bytes.begin(), bytes.begin() + 31);
+        if (std::memcmp(bytes.data(), "_SM3_", 5) == 0) {
+            // A table behind a 64-bit entry point only: this reader knows
+            // only the 32-bit one, so one is made for the table (which is
+            // the firmware's own all the same).
+            const size_t maximum = bytes[0x0C] | (bytes[0x0D] << 8) | (bytes[0x0E] << 16);
+            ep = entryPoint32(std::min(maximum, bytes.size() - 0x20), Bytes(bytes.begin() + 0x20, bytes.end()));
+        } else if (std::memcmp(bytes.data(), "_SM_", 4) != 0) {
+            continue;
+        }
+        const size_t length = ep[0x16] | (ep[0x17] << 8);
+        if (bytes.size() < 0x20 + length) continue;
+        const std::string stem = file.path().stem().string();
+        struct Placement {
+            const char* suffix;
+            unsigned char flags;  // checksums right, address as placed, + where
+        } placements[] = {{"-high", 0x02 | 0x08 | 0x04}, {"-low", 0x02 | 0x08}, {"-esxi", 0x01 | 0x02 | 0x08}};
+        for (const Placement& placement : placements) {
+            Bytes seed{placement.flags, static_cast<unsigned char>(written % 256)};
+            seed.insert(seed.end(), ep.begin(), ep.end());
+            seed.insert(seed.end(), bytes.begin() + 0x20, bytes.begin() + 0x20 + static_cast<long>(length));
+            // Only the first few tables in low memory and on ESXi: the
+            // placements differ little, the tables much.
+            if (placement.flags != (0x02 | 0x08 | 0x04) && written >= 8) continue;
+            write(dir, stem + placement.suffix, seed);
+        }
+        ++written;
+    }
+    std::cout << "smbios: " << written << " tables\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::cerr << "usage: qel-fuzz-seeds OUTDIR [SMBIOS_TABLE_DIR]\n";
+        return 64;
+    }
+    const fs::path out = argv[1];
+    pniSeeds(out / "fuzz_pni");
+    for (unsigned char component = 0; component < 6; ++component) {
+        write(out / "fuzz_ipmi_replies", "component-" + std::to_string(component), {component});
+        write(out / "fuzz_ipmi_replies", "component-" + std::to_string(component) + "-bent",
+              {component, 0x01, 0x00, 0x41, 0x12, 0x00, 0x00, 0x20, 0xFF, 0x60, 0x63, 0x64, 0x65});
+    }
+    for (unsigned char agent = 0; agent < 2; ++agent) {
+        write(out / "fuzz_agents", "agent-" + std::to_string(agent), {agent});
+        write(out / "fuzz_agents", "agent-" + std::to_string(agent) + "-host",
+              {agent, 'e', 't', 'h', '0', 0x00, 0x0a, 0x01, 0x02, 0x03, 0x01, 0x05, 0x02, 0x03, 0x01});
+    }
+    write(out / "fuzz_network", "legacy", {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
+    write(out / "fuzz_network", "netlink", {0x01, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
+    if (argc > 2) smbiosSeeds(out / "fuzz_smbios", argv[2]);
+    return 0;
+}
