@@ -20,7 +20,7 @@ IPMI_FRU=$(command -v ipmi-fru || echo /usr/sbin/ipmi-fru)
 M=(02:00:00:00:0e:01 02:00:00:00:0e:02 02:00:00:00:0e:03 02:00:00:00:0e:04
    02:00:00:00:0e:05 02:00:00:00:0e:06 02:00:00:00:0e:07 02:00:00:00:0e:08)
 start_syslog
-start_bmcsim "pni-nics ${M[*]}" "soft-watchdog on 300" "lan-channel 1 on"
+start_bmcsim "board extended" "board-slot 3" "pni-nics ${M[*]}" "soft-watchdog on 300" "lan-channel 1 on"
 
 new_netns hostagent
 add_nic() { # NAME MAC: a veth end, up
@@ -123,6 +123,14 @@ expect_eq "expiries" "$(dump_value expiries)" 0
 expect_eq "watchdog" "$(dump_value timer)" running
 expect_true "qeld runs" alive
 expect_true "every NIC still published" everything_published
+
+step "the true OS name on the board and in the System Info Parameters"
+. /etc/os-release
+expect_eq "board OS text" "$(dump_value os-text | sed 's/ via.*//')" "\"$PRETTY_NAME\""
+expect_eq "board platform text" "$(dump_value platform-text | sed 's/ via.*//')" "\"$(uname -r)\""
+sysinfo() { LD_PRELOAD=$PRELOAD QEL_BMCSIM_SOCKET=$SOCK ipmitool -I open mc getsysinfo "$1" 2>&1; }
+expect_eq "System Info: OS name (ipmitool)" "$(sysinfo os_name)" "$NAME"
+expect_eq "System Info: present OS version" "$(dump_value sysinfo-5)" "\"${VERSION:-$(uname -r)}\""
 
 step "SIGTERM ends it: watchdog stopped, exit 0"
 kill -TERM "$FG"
