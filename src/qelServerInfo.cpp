@@ -2,6 +2,7 @@
 
 #include "qelServerInfo.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -331,10 +332,16 @@ void QelServerInfo::start_main_action_daemon() {
             platform().syslog(LOG_ERR, "Cannot perform freopen on stderr.");
 
         const std::string path = platform().path(pidFilePath);
-        if (FILE* pidFile = std::fopen(path.c_str(), "w")) {
+        // The mode is given explicitly: after umask(0) above, fopen would
+        // create the file 0666, and anybody could then point a service
+        // manager's kill at any process. Root may write it, everybody read.
+        const int pidFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (FILE* pidFile = pidFd >= 0 ? ::fdopen(pidFd, "w") : nullptr) {
             std::fprintf(pidFile, "%d\n", static_cast<int>(getpid()));
             std::fflush(pidFile);
             std::fclose(pidFile);
+        } else if (pidFd >= 0) {
+            ::close(pidFd);
         }
 
         kill(parent, SIGUSR1);

@@ -24,6 +24,7 @@
 //   pass instead of waiting for a signal that already went by.
 // - The pid-file message names the path actually looked at (the fixed path
 //   under the platform's root prefix; the fixed path itself in production).
+// - The daemon creates its pid file with mode 0644, whatever its umask.
 // - main_action is virtual, but calls made from the constructor (modes Once
 //   and Daemon) and the worker started by it (mode Thread) reach this class's
 //   loop: a derived agent's override is only in force after construction.

@@ -22,6 +22,7 @@ expect_true "the daemon runs (pid $DAEMON_PID)" kill -0 "$DAEMON_PID"
 parent=$(sed -n 's/^command pid \([0-9]*\) .*/\1/p' "$EXITS")
 expect_ne "the daemon is another process than the parent" "$DAEMON_PID" "$parent"
 expect_eq "pid file holds the daemon's pid" "$(cat "$PIDFILE")" "$DAEMON_PID"
+expect_eq "pid file mode (not world-writable despite the daemon's umask 0)" "$(stat -c %a "$PIDFILE")" 644
 wait_until 5 "syslog: <$INFO> qel_daemon[parent]: starting" syslog_has $INFO qel_daemon starting
 expect_eq "\"starting\" comes from the parent" "$(syslog_pid qel_daemon starting)" "$parent"
 
