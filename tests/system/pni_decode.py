@@ -78,15 +78,15 @@ def main(path):
                 else:
                     kind = data[pos + 14] == 0
                 if kind:
-                    spec = data[pos + common:pos + flen]
-                    n4 = spec[44] & 0x0F
-                    n6 = spec[44] >> 4
-                    if 45 + 4 * n4 + 16 * n6 > len(spec):
+                    fn_area = data[pos + common:pos + flen]
+                    n4 = fn_area[44] & 0x0F
+                    n6 = fn_area[44] >> 4
+                    if 45 + 4 * n4 + 16 * n6 > len(fn_area):
                         fail("address counts beyond the area")
-                    mac = ":".join("%02x" % b for b in spec[6:12])
-                    v4 = [str(ipaddress.IPv4Address(bytes(spec[45 + 4 * i:49 + 4 * i]))) for i in range(n4)]
+                    mac = ":".join("%02x" % b for b in fn_area[6:12])
+                    v4 = [str(ipaddress.IPv4Address(bytes(fn_area[45 + 4 * i:49 + 4 * i]))) for i in range(n4)]
                     base = 45 + 4 * n4
-                    v6 = [str(ipaddress.IPv6Address(bytes(spec[base + 16 * i:base + 16 * i + 16]))) for i in range(n6)]
+                    v6 = [str(ipaddress.IPv6Address(bytes(fn_area[base + 16 * i:base + 16 * i + 16]))) for i in range(n6)]
                     out.append("%s ipv4=%s ipv6=%s" % (mac, ",".join(v4) or "-", ",".join(v6) or "-"))
                 pos += flen
     print("\n".join(out))

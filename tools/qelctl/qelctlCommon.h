@@ -30,7 +30,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// "0xC1 invalid command" and so on, from the IPMI specification's table.
+// "0xC1 invalid command" and so on: the completion codes IPMI defines.
 std::string completionCodeText(unsigned char code);
 
 // One request to the controller through the library's transport; returns
