@@ -33,12 +33,6 @@ QEL_EXPORT std::string composeText(const std::string& message, const std::string
 // the message append strerror() themselves and use the three-argument form.
 QEL_EXPORT std::string overwriteWithNumber(const std::string& message, int number);
 
-// The text an exception carries, as it stands: errorText for the library's
-// error classes (their what() says nothing), what() for anything else. The
-// one place that knows every error class of the library, so the agent, qeld
-// and qelctl all log and show the same text.
-QEL_EXPORT std::string textOf(const std::exception& error);
-
 }  // namespace qelError
 
 // Declares an error class with the three-argument constructor.

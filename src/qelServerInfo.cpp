@@ -28,7 +28,7 @@
 #include "qelBladeInfo.h"
 #include "qelCondQueue.h"
 #include "qelConfSpaceData.h"
-#include "qelError.h"
+#include "qelErrorText.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelPlatform.h"

@@ -11,7 +11,6 @@
 #include "qelBladeInfo.h"
 #include "qelCondQueue.h"
 #include "qelConfSpaceData.h"
-#include "qelHostInventory.h"
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
@@ -113,37 +112,3 @@ TEST(ErrorTextHelpers, NumberOverwritesFromTheStart) {
     EXPECT_EQ(qelError::overwriteWithNumber("", 42), "42");
     EXPECT_EQ(qelError::overwriteWithNumber("ab", 0), "0b");
 }
-
-// ---------------------------------------------------------------- textOf
-
-namespace {
-
-template <typename Error>
-void expectTextOf(const char* name) {
-    const Error error("something failed", "component", 12);
-    const std::exception& base = error;
-    EXPECT_EQ(qelError::textOf(base), error.errorText) << name;
-    EXPECT_NE(qelError::textOf(base), "") << name;
-}
-
-TEST(ErrorTextOf, EveryLibraryErrorGivesItsErrorText) {
-    expectTextOf<qelIpmi::QelIpmiError>("QelIpmiError");
-    expectTextOf<qelIpmi::QelIpmiLanError>("QelIpmiLanError");
-    expectTextOf<qelIpmi::QelIpmiWatchdogError>("QelIpmiWatchdogError");
-    expectTextOf<PniAccessError>("PniAccessError");
-    expectTextOf<qelIp::QelIpError>("QelIpError");
-    expectTextOf<qelSystemInfo::QelSystemInfoError>("QelSystemInfoError");
-    expectTextOf<QelConfSpaceDataError>("QelConfSpaceDataError");
-    expectTextOf<QelBladeInfoError>("QelBladeInfoError");
-    expectTextOf<QelCondQueueError>("QelCondQueueError");
-    expectTextOf<QelAccessControlError>("QelAccessControlError");
-    expectTextOf<qelHostInventory::QelHostInventoryError>("QelHostInventoryError");
-}
-
-TEST(ErrorTextOf, AnyOtherExceptionGivesWhat) {
-    EXPECT_EQ(qelError::textOf(std::runtime_error("IPMI access has failed.")), "IPMI access has failed.");
-    EXPECT_EQ(qelError::textOf(std::logic_error("new (nothrow) QelBladeInfo() failed")),
-              "new (nothrow) QelBladeInfo() failed");
-}
-
-}  // namespace

@@ -22,7 +22,7 @@
 #include <memory>
 #include <string>
 
-#include "qelError.h"
+#include "qelErrorText.h"
 #include "qelIpmi.h"
 #include "qelSimDevice.h"
 #include "qelSimSocket.h"

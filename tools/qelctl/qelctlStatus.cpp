@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <iostream>
 
-#include "qelError.h"
+#include "qelErrorText.h"
 #include "qelctlCommands.h"
 
 namespace qelctl {

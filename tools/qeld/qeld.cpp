@@ -28,7 +28,7 @@
 #include "PniAccess.h"
 #include "qelBladeInfo.h"
 #include "qelConfSpaceData.h"
-#include "qelError.h"
+#include "qelErrorText.h"
 #include "qelHostAgent.h"
 #include "qelHostFacts.h"
 #include "qelIp.h"
