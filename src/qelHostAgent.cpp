@@ -20,7 +20,7 @@
 #include "PniAccess.h"
 #include "qelBladeInfo.h"
 #include "qelConfSpaceData.h"
-#include "qelError.h"
+#include "qelErrorText.h"
 #include "qelHostFacts.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
@@ -255,42 +255,34 @@ void QelHostAgent::main_action(int& exitCode) {
 }
 
 void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
-    try {
+    const bool kept = guarded("watchdog", [&] {
         const bool applied = updateWatchdog();
         if (applied) countdown = 1;
-        if (wdEnabled && --countdown <= 0) {
-            // Before the reset, once the timer ran: is it still running? A
-            // timer stopped by somebody else is started again by the reset,
-            // but the log should say that it was stopped. (Just after the
-            // settings were applied the timer is stopped by the Set itself.)
-            if (resetBefore_ && !applied) {
-                QelIpmiWatchdog now(agentTimerUse);
-                if (!now.running)
-                    logText(LOG_WARNING, "the BMC watchdog was stopped by someone else; qeld starts it again");
-            }
-            resetBefore_ = true;
-            const unsigned int seconds = reset_watchdog(agentTimerUse, true);
-            if (seconds == 0) {
-                countdown = 1;
-                period = maximumPeriod;
-            } else {
-                // Reset every `seconds`, rounded down to whole passes, but at
-                // least once a pass.
-                period = std::min(seconds, maximumPeriod);
-                countdown = static_cast<int>(seconds / period);
-            }
+        if (!wdEnabled || --countdown > 0) return;
+        // Before the reset, once the timer ran: is it still running? A timer
+        // stopped by somebody else is started again by the reset, but the
+        // log should say that it was stopped. (Just after the settings were
+        // applied the timer is stopped by the Set itself.)
+        if (resetBefore_ && !applied) {
+            QelIpmiWatchdog now(agentTimerUse);
+            if (!now.running) logText(LOG_WARNING, "the BMC watchdog was stopped by someone else; qeld starts it again");
         }
-        succeeded("watchdog");
-    } catch (const std::exception& e) {
-        // The controller did not take a watchdog command: try again on the
-        // next pass. The alarm armed by the last good reset still stands as
-        // the safety net.
-        countdown = 1;
-        failed("watchdog", messageOf(e));
-    } catch (...) {
-        countdown = 1;
-        failed("watchdog", "unknown exception");
-    }
+        resetBefore_ = true;
+        const unsigned int seconds = reset_watchdog(agentTimerUse, true);
+        if (seconds == 0) {
+            countdown = 1;
+            period = maximumPeriod;
+        } else {
+            // Reset every `seconds`, rounded down to whole passes, but at
+            // least once a pass.
+            period = std::min(seconds, maximumPeriod);
+            countdown = static_cast<int>(seconds / period);
+        }
+    });
+    // The controller did not take a watchdog command: try again on the next
+    // pass. The alarm armed by the last good reset still stands as the
+    // safety net.
+    if (!kept) countdown = 1;
 }
 
 // ---------------------------------------------------------------- OS events
@@ -368,10 +360,8 @@ void QelHostAgent::publish() {
 }
 
 void QelHostAgent::publishFacts(bool refresh) {
-    if (bladeInfo) {
-        bladeInfo->setOSPlatformInfo(osName, osRelease);
-        bladeInfo->setOSStatus(QelBladeInfo::AC_OS_RUNNING);
-    }
+    // The OS status went out at the start of this pass already.
+    if (bladeInfo) bladeInfo->setOSPlatformInfo(osName, osRelease);
     if (confSpace == nullptr) return;
     // What the controller holds was read when the agent started and is kept
     // current by the writes below; once per republication period it is read

@@ -34,8 +34,9 @@ expect_eq "watchdog" "$(dump_value timer)" running
 expect_eq "timer use" "$(dump_value timer-use)" "4 (SMS/OS)"
 expect_eq "time-out action" "$(dump_value timeout-action)" "0 (none)"
 expect_eq "initial countdown" "$(dump_value initial-countdown)" "3000 (300.0 s)"
-# Once by the pass, once by the info pass within it.
-expect_eq "OS status reported" "$(dump_value os-status)" "5 5"
+# Once a pass: the host agent's info pass does not send it a second time
+# (the library's loop does, see qeld_modes.sh --strict).
+expect_eq "OS status reported" "$(dump_value os-status)" "5"
 # Addresses were cleared at start and the host's published.
 expect_ne "address slot 1 published" "$(dump_value address-1 | cut -d' ' -f1)" "192.0.2.10"
 

@@ -117,8 +117,8 @@ done
 step "--once --simulate --report: the built-in controller, its state printed"
 "$QELD" --once --simulate --report --no-stderr >"$T/report"
 expect_eq "exit status" "$?" 0
-expect_true "report has the traffic" grep -q '^sent 04 02 x2  Platform Event' "$T/report"
+expect_true "report has the traffic" grep -q '^sent 04 02 x1  Platform Event' "$T/report"
 expect_true "report has the PNI records" grep -q '^adapter 0 port 1 function 0 nic ' "$T/report"
-expect_true "report has the board's OS status" grep -q '^os-status 5 5$' "$T/report"
+expect_true "report has the board's OS status (once a pass)" grep -q '^os-status 5$' "$T/report"
 
 finish
