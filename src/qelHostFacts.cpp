@@ -3,8 +3,10 @@
 #include "qelHostFacts.h"
 
 #include <dirent.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -234,6 +236,43 @@ std::string firmwareTablesImage() {
     // table, which a stream refuses after a short read: pad to whole blocks.
     image.resize((image.size() + imageBlock - 1) / imageBlock * imageBlock, '\0');
     return image;
+}
+
+namespace {
+
+class ImagePlatform : public qelPlatform::Platform {
+public:
+    explicit ImagePlatform(std::string image) : image_(std::move(image)) {}
+    std::string path(const std::string& fixed) const override {
+        return fixed == "/dev/mem" ? image_ : qelPlatform::Platform::path(fixed);
+    }
+
+private:
+    std::string image_;
+};
+
+}  // namespace
+
+bool withFirmwareTables(const std::function<void()>& work) {
+    const std::string image = firmwareTablesImage();
+    if (image.empty()) return false;
+    const int fd = ::memfd_create("qel-firmware-tables", MFD_CLOEXEC);
+    if (fd < 0) return false;
+    const bool written = ::write(fd, image.data(), image.size()) == static_cast<ssize_t>(image.size());
+    if (written) {
+        ImagePlatform platform("/proc/self/fd/" + std::to_string(fd));
+        qelPlatform::Platform* previous = qelPlatform::setPlatform(&platform);
+        try {
+            work();
+        } catch (...) {
+            qelPlatform::setPlatform(previous);
+            ::close(fd);
+            throw;
+        }
+        qelPlatform::setPlatform(previous);
+    }
+    ::close(fd);
+    return written;
 }
 
 }  // namespace qelHostFacts

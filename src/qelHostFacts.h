@@ -13,6 +13,7 @@
 #ifndef QEL_HOST_FACTS_H
 #define QEL_HOST_FACTS_H
 
+#include <functional>
 #include <string>
 
 #include "qelExport.h"
@@ -69,6 +70,13 @@ QEL_EXPORT std::string bootId();
 // the last whole structure that fits. Returns the image's bytes; empty when
 // the files are missing or hold no structure.
 QEL_EXPORT std::string firmwareTablesImage();
+
+// Runs `work` with that image in place of "/dev/mem" (an in-memory file),
+// under a platform that is the default one in everything else, then puts
+// the platform that was installed back. For programs on the default
+// platform; qeld presents the image through a platform of its own. False,
+// and `work` not run, when there is no image or no in-memory file.
+QEL_EXPORT bool withFirmwareTables(const std::function<void()>& work);
 
 }  // namespace qelHostFacts
 

@@ -314,6 +314,24 @@ TEST_F(FirmwareTables, ATableLongerThanAnEntryPointCanAnnounceIsCutAtAStructure)
     EXPECT_EQ(readImage(image).structures[1], count);
 }
 
+TEST_F(FirmwareTables, WithFirmwareTablesShowsTheImageAsDevMemAndPutsThePlatformBack) {
+    bool ran = false;
+    EXPECT_FALSE(qelHostFacts::withFirmwareTables([&] { ran = true; })) << "no files, no image";
+    EXPECT_FALSE(ran);
+
+    const Bytes table = smbiosTest::concat({smbiosTest::systemInformation(1, {"Maker", "From Sysfs", "1", "S", "K", "F"}),
+                                            smbiosTest::endOfTable(2)});
+    writeSysfs(smbiosTest::entryPoint(static_cast<uint16_t>(table.size()), 0, 2), table);
+    std::string product;
+    EXPECT_TRUE(qelHostFacts::withFirmwareTables([&] {
+        qelSmbios::QelSmbios reader;
+        if (auto* system = reader.getFirstEntry(qelSmbios::SystemInformation))
+            product = qelSmbios::QelSmbios::getSmbiosStringS(system, 2);
+    }));
+    EXPECT_EQ(product, "From Sysfs");
+    EXPECT_EQ(&qelPlatform::platform(), &host) << "the platform installed before is back";
+}
+
 // Every real table of the corpus, offered as the kernel exports it, reads
 // back through the image as it reads from a memory image of its own.
 TEST_F(FirmwareTables, EveryCorpusTableReadsAsFromMemory) {

@@ -24,7 +24,6 @@
 // With --firmware-tables first, the SMBIOS reader is shown the firmware's
 // tables from /sys/firmware/dmi/tables (qelHostFacts::firmwareTablesImage)
 // in place of /dev/mem, as qeld shows them where /dev/mem is refused.
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -41,7 +40,6 @@
 #include "qelHostFacts.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
-#include "qelPlatform.h"
 #include "qelSmbios.h"
 
 namespace {
@@ -285,38 +283,7 @@ int timeRuns(int argc, char** argv) {
     return failures == 0 ? 0 : 1;
 }
 
-// The real platform, but "/dev/mem" is an in-memory image of the firmware's
-// tables.
-class FirmwareTablesPlatform : public qelPlatform::Platform {
-public:
-    explicit FirmwareTablesPlatform(std::string image) : image_(std::move(image)) {}
-    std::string path(const std::string& fixed) const override {
-        return fixed == "/dev/mem" ? image_ : qelPlatform::Platform::path(fixed);
-    }
-
-private:
-    std::string image_;
-};
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc >= 2 && std::strcmp(argv[1], "--firmware-tables") == 0) {
-        const std::string image = qelHostFacts::firmwareTablesImage();
-        if (image.empty()) {
-            std::fprintf(stderr, "qel-vm-probe: no firmware tables in /sys/firmware/dmi/tables\n");
-            return 1;
-        }
-        const int fd = memfd_create("qel-vm-probe-smbios", 0);
-        if (fd < 0 || write(fd, image.data(), image.size()) != static_cast<ssize_t>(image.size())) {
-            std::perror("qel-vm-probe: memfd");
-            return 1;
-        }
-        static FirmwareTablesPlatform platform("/proc/self/fd/" + std::to_string(fd));
-        qelPlatform::setPlatform(&platform);
-        --argc;
-        ++argv;
-    }
+int dispatch(int argc, char** argv) {
     if (argc < 2) return usage();
     const std::string command = argv[1];
     try {
@@ -335,4 +302,18 @@ int main(int argc, char** argv) {
         return 1;
     }
     return usage();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && std::strcmp(argv[1], "--firmware-tables") == 0) {
+        int status = 1;
+        if (!qelHostFacts::withFirmwareTables([&] { status = dispatch(argc - 1, argv + 1); })) {
+            std::fprintf(stderr, "qel-vm-probe: no firmware tables in /sys/firmware/dmi/tables\n");
+            return 1;
+        }
+        return status;
+    }
+    return dispatch(argc, argv);
 }

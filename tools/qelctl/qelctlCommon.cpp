@@ -11,6 +11,7 @@
 
 #include "qelError.h"
 #include "qelIpmi.h"
+#include "qelSimDescription.h"
 
 namespace qelctl {
 
@@ -82,16 +83,7 @@ std::string hex8(unsigned value) {
     return text;
 }
 
-std::string hexBytes(const Bytes& bytes) {
-    std::string out;
-    char text[4];
-    for (unsigned char b : bytes) {
-        std::snprintf(text, sizeof text, "%02x", b);
-        if (!out.empty()) out += ' ';
-        out += text;
-    }
-    return out;
-}
+std::string hexBytes(const Bytes& bytes) { return qelSim::hexText(bytes); }
 
 std::string bcdRevision(unsigned major, unsigned minorBcd) {
     char text[16];

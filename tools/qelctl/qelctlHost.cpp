@@ -1,15 +1,12 @@
 // qelctl inventory: this host's interfaces as the agent sees them, and what
 // it publishes of each. qelctl host: the SMBIOS and OS facts it publishes.
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 
 #include "qelHostFacts.h"
 #include "qelHostInventory.h"
-#include "qelPlatform.h"
 #include "qelSmbios.h"
 #include "qelSystemInfo.h"
 #include "qelctlCommands.h"
@@ -72,20 +69,6 @@ Json inventoryDocument() {
 
 namespace {
 
-// The real platform with "/dev/mem" read from another file: the firmware's
-// tables from sysfs laid out as the reader expects, where /dev/mem is
-// refused or has no entry point (as qeld does it).
-class ImagePlatform : public qelPlatform::Platform {
-public:
-    explicit ImagePlatform(std::string path) : path_(std::move(path)) {}
-    std::string path(const std::string& fixed) const override {
-        return fixed == "/dev/mem" ? path_ : qelPlatform::Platform::path(fixed);
-    }
-
-private:
-    std::string path_;
-};
-
 // Fills the system fields from the table the reader finds; false when it
 // finds no System Information structure.
 bool systemFacts(Json& doc) {
@@ -139,18 +122,10 @@ Json hostDocument() {
         bios = qelHostFacts::biosVersion();
     } else if (source != "ESXi") {
         source = "sysfs";
-        const std::string image = qelHostFacts::firmwareTablesImage();
-        const int fd = image.empty() ? -1 : ::memfd_create("qelctl-smbios", MFD_CLOEXEC);
-        if (fd >= 0) {
-            if (::write(fd, image.data(), image.size()) == static_cast<ssize_t>(image.size())) {
-                ImagePlatform platform("/proc/self/fd/" + std::to_string(fd));
-                qelPlatform::Platform* previous = qelPlatform::setPlatform(&platform);
-                systemFacts(doc);
-                bios = qelHostFacts::biosVersion();
-                qelPlatform::setPlatform(previous);
-            }
-            ::close(fd);
-        }
+        qelHostFacts::withFirmwareTables([&] {
+            systemFacts(doc);
+            bios = qelHostFacts::biosVersion();
+        });
     }
     doc["bios_version"] = bios.empty() ? Json(nullptr) : Json(bios);
     doc["smbios_source"] = source;
