@@ -258,6 +258,10 @@ void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
     const bool kept = guarded("watchdog", [&] {
         const bool applied = updateWatchdog();
         if (applied) countdown = 1;
+        {
+            std::lock_guard<std::mutex> lock(statusMutex_);
+            status_.watchdogSeconds = wdEnabled ? static_cast<unsigned int>(wdTime / 10) : 0;
+        }
         if (!wdEnabled || --countdown > 0) return;
         // Before the reset, once the timer ran: is it still running? A timer
         // stopped by somebody else is started again by the reset, but the
@@ -346,6 +350,7 @@ void QelHostAgent::publish() {
     const bool changed = !published_ || *published_ != *inventory;
     if (!changed && !pending_ && !due) return;
 
+    nicsWritten_ = 0;
     if (publishAddresses(*inventory)) {
         published_ = std::move(inventory);
         lastPublication_ = now == 0 ? 1 : now;
@@ -355,7 +360,10 @@ void QelHostAgent::publish() {
         pending_ = true;
     }
     std::lock_guard<std::mutex> lock(statusMutex_);
-    if (!pending_) ++status_.publications;
+    if (!pending_) {
+        ++status_.publications;
+        status_.nicsPublished = nicsWritten_;
+    }
     status_.publicationPending = pending_;
 }
 
@@ -476,6 +484,7 @@ void QelHostAgent::publishPni(const QelHostInventory& inventory) {
             if (!pniAccess->setIpv4Address(mac, primary->address)) ++refused;
         const std::list<IPv6Address> ipv6 = ipv6Of(*itf, maxPniIpv6);
         if (!ipv6.empty() && !pniAccess->setIpv6Address(mac, ipv6)) ++refused;
+        if (itf->primaryIpv4() != nullptr || !ipv6.empty()) ++nicsWritten_;
     }
     if (refused != 0)
         throw std::runtime_error(std::to_string(refused) + " PNI address write" + (refused == 1 ? "" : "s") +
@@ -490,8 +499,10 @@ void QelHostAgent::publishBoard(const QelHostInventory& inventory) {
         if (itf == nullptr) continue;
         if (const auto* primary = itf->primaryIpv4())
             if (!bladeInfo->sendIpAddressInfo(primary->address, port.second)) ++refused;
-        for (const IPv6Address& address : ipv6Of(*itf, static_cast<std::size_t>(-1)))
+        const std::list<IPv6Address> ipv6 = ipv6Of(*itf, static_cast<std::size_t>(-1));
+        for (const IPv6Address& address : ipv6)
             if (!bladeInfo->sendIpAddressInfo(address, port.second)) ++refused;
+        if (itf->primaryIpv4() != nullptr || !ipv6.empty()) ++nicsWritten_;
     }
     if (refused != 0)
         throw std::runtime_error(std::to_string(refused) + " address report" + (refused == 1 ? "" : "s") +

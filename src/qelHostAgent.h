@@ -92,6 +92,9 @@ public:
         bool publicationPending = false; // the last one did not complete
         std::map<std::string, std::string> failing;  // step -> text, while it fails
         std::string watchdogKeeper;  // "qeld", or the kernel's driver that keeps the timer
+        unsigned int watchdogSeconds = 0;  // the timer's time-out while qeld keeps it running; 0: off
+        unsigned int nicsPublished = 0;    // controller NICs (PNI functions or board ports) given
+                                           // addresses by the last complete publication
     };
 
     enum class OsEvent { BootCompleted, GracefulShutdown };
@@ -147,6 +150,7 @@ private:
     std::unique_ptr<qelHostInventory::QelHostInventory> published_;
     long lastPublication_ = 0;  // platform time of the last complete one
     bool pending_ = false;
+    unsigned int nicsWritten_ = 0;  // by the publication under way
     mutable std::mutex statusMutex_;
     Status status_;
 };

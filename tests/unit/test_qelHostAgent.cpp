@@ -370,6 +370,14 @@ TEST_F(HostAgentWithPni, AtMostFifteenIpv6AddressesGoToANic) {
     EXPECT_EQ(qelSim::validatePniImage(sim->fru().image()), "");
 }
 
+TEST_F(HostAgentWithPni, StatusCountsTheNicsThatGotAddresses) {
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("192.0.2.50")}), nic(3, "eth1", macOf(2), {})});
+    auto a = agent();
+    EXPECT_EQ(a->status().nicsPublished, 0u);
+    a->start(QelServerInfo::Once);
+    EXPECT_EQ(a->status().nicsPublished, 1u) << "eth1 has no address to publish";
+}
+
 TEST_F(HostAgentWithPni, AFailedFruWriteIsLoggedOnceAndRetriedOnTheNextInfoPass) {
     network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("192.0.2.50")}),
                  nic(3, "eth1", macOf(2), {v4entry("192.0.2.60")})});
@@ -611,6 +619,7 @@ TEST_F(HostAgentTest, TheKernelsIpmiWatchdogDriverKeepsTheTimerAlone) {
                                "BMC watchdog: qeld leaves the timer to it and only publishes"),
                 ::testing::SizeIs(1));
     EXPECT_EQ(slot(1), "10.0.0.2") << "publication goes on";
+    EXPECT_EQ(a->status().watchdogSeconds, 0u);
 }
 
 TEST_F(HostAgentTest, WithoutTheDriverQeldKeepsTheTimer) {
@@ -620,6 +629,23 @@ TEST_F(HostAgentTest, WithoutTheDriverQeldKeepsTheTimer) {
     EXPECT_EQ(a->status().watchdogKeeper, "qeld");
     run(*a, 6);
     EXPECT_GE(resets(), 1u);
+}
+
+TEST_F(HostAgentTest, StatusShowsTheTimersTimeOut) {
+    network.set({loopback()});
+    auto a = agent();
+    EXPECT_EQ(a->status().watchdogSeconds, 0u) << "nothing programmed yet";
+    run(*a, 2);
+    EXPECT_EQ(a->status().watchdogSeconds, 300u);
+}
+
+TEST_F(HostAgentTest, StatusShowsATimerTheConfigurationTurnedOffAsOff) {
+    network.set({loopback()});
+    auto a = agent();
+    run(*a, 2);
+    sim->confSpace().setByte(QelConfSpaceData::SoftWatchdogEnabled, 0);
+    run(*a, 2);
+    EXPECT_EQ(a->status().watchdogSeconds, 0u);
 }
 
 TEST_F(HostAgentTest, ATimerStoppedBySomeoneElseIsLoggedAndStartedAgain) {

@@ -39,6 +39,7 @@
 #include "qelSystemInfo.h"
 #include "qeldBladeSmbios.h"
 #include "qeldController.h"
+#include "qeldNotify.h"
 #include "qeldPlatform.h"
 
 namespace {
@@ -350,7 +351,40 @@ int runShutdown(bool systemShutdown, bool strict) {
     return exitOk;
 }
 
-int runForeground(qeld::QeldPlatform& platform, bool strict) {
+// The service manager's one-line status: who keeps the watchdog and when it
+// was last reset (as the controller answered), what was published, what
+// fails.
+std::string serviceStatus(const qeld::QeldPlatform& platform, const QelHostAgent* host, unsigned long passes) {
+    const long long sinceReset = platform.secondsSinceWatchdogReset();
+    const std::string reset =
+        sinceReset < 0 ? "not reset yet" : "reset " + std::to_string(sinceReset) + " s ago";
+    if (host == nullptr) return "library loop: watchdog " + reset + "; " + std::to_string(passes) + " passes";
+
+    const QelHostAgent::Status status = host->status();
+    std::string text;
+    if (status.watchdogKeeper != "qeld")
+        text = "watchdog kept by " + status.watchdogKeeper;
+    else if (status.watchdogSeconds == 0)
+        text = "watchdog off (the controller's configuration disables it)";
+    else
+        text = "watchdog " + std::to_string(status.watchdogSeconds) + " s, " + reset;
+    if (status.publications == 0)
+        text += "; addresses not published yet";
+    else
+        text += "; " + std::to_string(status.nicsPublished) + (status.nicsPublished == 1 ? " NIC" : " NICs") +
+                " published";
+    if (!status.failing.empty()) {
+        text += "; failing:";
+        const char* separator = " ";
+        for (const auto& step : status.failing) {
+            text += separator + step.first;
+            separator = ", ";
+        }
+    }
+    return qeld::ServiceNotifier::statusLine(text);
+}
+
+int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& notifier, bool strict) {
     // Blocked before the worker exists, so it inherits the mask and every one
     // of these reaches the main thread's sigwait: the termination signals,
     // the alarm the loop arms as its watchdog safety net, and SIGUSR2 from
@@ -363,12 +397,25 @@ int runForeground(qeld::QeldPlatform& platform, bool strict) {
     // In mode Thread the host program owns syslog.
     QelServerInfo::open_syslog();
     platform.watchWorker(true);
+    // Under systemd (Type=notify): ready once the first pass is done, and a
+    // keep-alive at the end of every pass, so a loop that stops making
+    // passes (a wedged exchange, a deadlock) is killed and restarted by the
+    // service manager long before the controller's timer runs out. The hook
+    // runs on the loop's own thread, between its passes.
+    QelHostAgent* host = nullptr;
+    unsigned long passes = 0;
+    auto passEnded = [&platform, &notifier, &host, &passes] {
+        const std::string status = "STATUS=" + serviceStatus(platform, host, ++passes) + "\n";
+        notifier.notify(passes == 1 ? "READY=1\n" + status + "WATCHDOG=1\n" : "WATCHDOG=1\n" + status);
+    };
     std::unique_ptr<QelServerInfo> agent;
     if (strict) {
+        if (notifier.enabled()) platform.setPassHook(passEnded);
         agent.reset(new QelServerInfo(QelServerInfo::Thread));
     } else {
-        auto* host = new QelHostAgent;
+        host = new QelHostAgent;
         agent.reset(host);
+        if (notifier.enabled()) platform.setPassHook(passEnded);
         host->start(QelServerInfo::Thread);
     }
 
@@ -387,6 +434,7 @@ int runForeground(qeld::QeldPlatform& platform, bool strict) {
             break;
         }
         platform.log(LOG_INFO, "Termination signal received");
+        notifier.notify("STOPPING=1\nSTATUS=stopping: the watchdog is stopped and the OS reported shut down\n");
         break;
     }
     // The worker stops the watchdog and reports the agent as disconnected
@@ -396,6 +444,7 @@ int runForeground(qeld::QeldPlatform& platform, bool strict) {
     agent->setShutdownInfo();
     agent.reset();
     if (loopEnded) {
+        notifier.notify("STATUS=the agent's loop ended with an error; the watchdog is stopped\n");
         platform.log(LOG_ERR, "the agent's loop ended with an error; the watchdog is stopped");
         return exitLoopError;
     }
@@ -408,6 +457,8 @@ int main(int argc, char** argv) {
     Options o;
     const int parsed = parse(argc, argv, o);
     if (parsed != -1) return parsed;
+    // Taken (and removed from the environment) before any child is started.
+    static const qeld::ServiceNotifier notifier = qeld::ServiceNotifier::fromEnvironment();
 
     // Installed for the whole process: the library never restores it, and
     // the daemon child and signal handlers use it to the end.
@@ -508,7 +559,7 @@ int main(int argc, char** argv) {
     try {
         switch (o.mode) {
         case Mode::Daemon: status = runDaemon(o.strict); break;
-        case Mode::Foreground: status = runForeground(platform, o.strict); break;
+        case Mode::Foreground: status = runForeground(platform, notifier, o.strict); break;
         case Mode::Once: status = runOnce(o.strict); break;
         case Mode::Shutdown: status = runShutdown(o.systemShutdown, o.strict); break;
         case Mode::None: break;

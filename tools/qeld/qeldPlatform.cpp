@@ -1,6 +1,8 @@
 #include "qeldPlatform.h"
 
 #include <dirent.h>
+#include <linux/ipmi.h>
+#include <sys/ioctl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -135,9 +137,50 @@ void QeldPlatform::noteCall() const {
     sentinel.armed = true;
 }
 
+namespace {
+
+class WatchedDevice : public qelIpmi::QelIpmiDevice {
+public:
+    WatchedDevice(std::unique_ptr<qelIpmi::QelIpmiDevice> inner, const QeldPlatform& platform)
+        : inner_(std::move(inner)), platform_(platform) {}
+    int fd() const override { return inner_->fd(); }
+    int select(int nfds, fd_set* readSet, struct timeval* timeout) override {
+        return inner_->select(nfds, readSet, timeout);
+    }
+    int ioctl(unsigned long request, void* argument) override {
+        const int rc = inner_->ioctl(request, argument);
+        if (rc == 0 && (request == IPMICTL_RECEIVE_MSG_TRUNC || request == IPMICTL_RECEIVE_MSG)) {
+            const auto* recv = static_cast<const struct ipmi_recv*>(argument);
+            // The response to Reset Watchdog Timer (App response 0x07, 0x22)
+            // with completion code 0.
+            if (recv->recv_type == IPMI_RESPONSE_RECV_TYPE && recv->msg.netfn == 0x07 && recv->msg.cmd == 0x22 &&
+                recv->msg.data_len >= 1 && recv->msg.data != nullptr && recv->msg.data[0] == 0x00)
+                platform_.noteWatchdogReset();
+        }
+        return rc;
+    }
+
+private:
+    std::unique_ptr<qelIpmi::QelIpmiDevice> inner_;
+    const QeldPlatform& platform_;
+};
+
+}  // namespace
+
 std::unique_ptr<qelIpmi::QelIpmiDevice> WatchingDeviceProvider::open(const char* path, int flags) {
     platform_.noteCall();
-    return inner_.open(path, flags);
+    std::unique_ptr<qelIpmi::QelIpmiDevice> device = inner_.open(path, flags);
+    if (!device) return device;
+    return std::make_unique<WatchedDevice>(std::move(device), platform_);
+}
+
+void QeldPlatform::noteWatchdogReset() const { lastResetNanos_ = realtimeNanos(); }
+
+long long QeldPlatform::secondsSinceWatchdogReset() const {
+    const long long at = lastResetNanos_;
+    if (at < 0) return -1;
+    const long long elapsed = agentNanos(realtimeNanos()) - agentNanos(at);
+    return elapsed < 0 ? 0 : elapsed / nanosPerSecond;
 }
 
 // ---------------------------------------------------------------- calls passed on
@@ -239,6 +282,7 @@ time_t QeldPlatform::time() const {
 // ---------------------------------------------------------------- stats
 
 void QeldPlatform::passEnds() const {
+    if (passHook_) passHook_();
     if (statsFile_.empty()) return;
     Stats& s = *stats_;
     const long long used = threadCpuNanos() - s.passStartCpu;

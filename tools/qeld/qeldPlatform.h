@@ -27,6 +27,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -53,6 +54,14 @@ public:
     void setMemoryImage(const std::string& path) { memoryImage_ = path; }
     // Arms the worker sentinel (foreground mode).
     void watchWorker(bool on) { watchWorker_ = on; }
+    // Called on the loop's thread each time a pass ends (the loop begins its
+    // wait): the service manager's keep-alive. Set before the loop starts.
+    void setPassHook(std::function<void()> hook) { passHook_ = std::move(hook); }
+
+    // The controller accepted a Reset Watchdog Timer (seen in its reply).
+    void noteWatchdogReset() const;
+    // Seconds since that happened last, on the agent's clock; -1: never.
+    long long secondsSinceWatchdogReset() const;
 
     // Logs one of qeld's own messages the way the agent's are logged.
     void log(int priority, const std::string& text) const;
@@ -97,6 +106,8 @@ private:
     pthread_t mainThread_;
     long long startNanos_;
     mutable std::atomic<bool> stalled_{false};
+    std::function<void()> passHook_;
+    mutable std::atomic<long long> lastResetNanos_{-1};  // realtime
 
     // Pass accounting (stats); only the loop's thread touches it.
     struct Stats;
@@ -104,7 +115,9 @@ private:
 };
 
 // Wraps the provider the agent will use, so that opening the device counts
-// as a library call of the opening thread.
+// as a library call of the opening thread, and so that the controller's
+// answers to Reset Watchdog Timer are seen (the service status tells when the
+// timer was last reset, whichever loop runs).
 class WatchingDeviceProvider : public qelIpmi::QelIpmiDeviceProvider {
 public:
     WatchingDeviceProvider(qelIpmi::QelIpmiDeviceProvider& inner, const QeldPlatform& platform)
