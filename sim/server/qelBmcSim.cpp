@@ -2,7 +2,7 @@
 // every process that connects to its socket, and the control client for it.
 //
 //   qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE]
-//              [--qemu-port PORT] [--ready-fd N | --daemon]
+//              [--qemu-port PORT] [--wall-clock] [--ready-fd N | --daemon]
 //   qel-bmcsim [--socket PATH] ctl COMMAND [ARGS...]
 //   qel-bmcsim --keywords
 //
@@ -23,13 +23,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "qelSimBmc.h"
@@ -41,12 +45,13 @@
 namespace {
 
 const char usageText[] =
-    "usage: qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE] [--qemu-port PORT]\n"
+    "usage: qel-bmcsim [--socket PATH] [--config FILE]... [--pidfile FILE] [--qemu-port PORT] [--wall-clock]\n"
     "                  [--ready-fd N | --daemon]\n"
     "       qel-bmcsim [--socket PATH] ctl COMMAND [ARGS...]\n"
     "       qel-bmcsim --keywords\n"
     "The socket defaults to $QEL_BMCSIM_SOCKET. --qemu-port serves a QEMU ipmi-bmc-extern\n"
-    "device on 127.0.0.1:PORT; the controller's clock then follows the wall clock.\n"
+    "device on 127.0.0.1:PORT; the controller's clock then follows the wall clock, as it does\n"
+    "with --wall-clock (a stand-in on a bench: the watchdog counts down in real time).\n"
     "ctl commands:\n"
     "  advance MS            move the controller's clock on; prints the new time\n"
     "  now                   print the controller's clock\n"
@@ -194,6 +199,43 @@ struct ServerOptions {
     int readyFd = -1;
     bool daemon = false;
     int qemuPort = -1;
+    bool wallClock = false;
+};
+
+// The controller's clock following the wall clock, for a controller that
+// stands in for a real one on a bench: its watchdog then counts down in real
+// time. A tick every 50 ms keeps it within the watchdog's tenth of a second.
+class WallClock {
+public:
+    explicit WallClock(qelSim::SimBmc& bmc) : bmc_(bmc), thread_([this] { run(); }) {}
+    ~WallClock() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+private:
+    void run() {
+        using Clock = std::chrono::steady_clock;
+        auto last = Clock::now();
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stop_) {
+            wake_.wait_for(lock, std::chrono::milliseconds(50));
+            const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - last).count();
+            if (ms <= 0) continue;
+            last += std::chrono::milliseconds(ms);
+            bmc_.advanceMs(static_cast<std::uint64_t>(ms));
+        }
+    }
+
+    qelSim::SimBmc& bmc_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stop_ = false;
+    std::thread thread_;
 };
 
 int serve(ServerOptions o) {
@@ -289,7 +331,10 @@ int serve(ServerOptions o) {
 
     qelSim::SimServer server(bmc, listenFd, stopPipe[0]);
     if (machine) machine->start();  // a thread: after the daemon's fork
+    std::unique_ptr<WallClock> wallClock;
+    if (o.wallClock && !machine) wallClock = std::make_unique<WallClock>(bmc);  // a machine's clock is the wall clock already
     server.run();
+    wallClock.reset();
     if (machine) machine->stop();
     // Socket and pid file go first: a client that sees its connection close
     // may start the next controller at once.
@@ -325,6 +370,8 @@ int main(int argc, char** argv) {
             o.socketPath = args[++i];
         } else if (a == "--config" && hasValue) {
             o.configs.push_back(args[++i]);
+        } else if (a == "--wall-clock") {
+            o.wallClock = true;
         } else if (a == "--qemu-port" && hasValue) {
             try {
                 o.qemuPort = static_cast<int>(qelSim::parseNumber(args[++i], 65535));

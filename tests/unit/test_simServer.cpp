@@ -23,6 +23,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "bmcsimProcess.h"
 #include "ipmiTestSupport.h"
 #include "qelAddress.h"
@@ -538,6 +541,29 @@ TEST_F(SharedController, ClockMovesOverTheSocketForEveryone) {
     EXPECT_EQ(other.nowMs(), 300000u);
     other.describe("advance 250");
     EXPECT_EQ(dumpValue(ctl->dump(), "clock-ms"), "300250");
+}
+
+TEST(WallClockController, TheClockFollowsTheWallClockAndTheWatchdogRunsOut) {
+    TempDir dir;
+    BmcSim sim(dir, {"--wall-clock"});
+    ASSERT_TRUE(sim.ready()) << sim.errors();
+    qelSim::SimControlClient ctl(sim.socket());
+    qelSim::ScopedSocketDevice device(sim.socket());
+    // A 1.0 s timer, started; nobody resets it.
+    qelIpmi::QelIpmiWatchdog watchdog(qelIpmi::QelIpmiWatchdog::TIMER_USE_SMS_OS);
+    watchdog.initialCountdown = 10;
+    ASSERT_TRUE(watchdog.set(true));
+    ASSERT_TRUE(watchdog.resetTimer());
+    // Poll for the expiry with a generous deadline: the clock is the wall's.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    std::string expiries;
+    while (std::chrono::steady_clock::now() < deadline) {
+        expiries = dumpValue(ctl.dump(), "expiries");
+        if (expiries != "0" && expiries.rfind("<no", 0) != 0) break;
+        std::this_thread::yield();
+    }
+    EXPECT_GE(ctl.nowMs(), 1000u) << "the clock moved by itself";
+    EXPECT_EQ(expiries, "1");
 }
 
 // ---------------------------------------------------------------- description and control
