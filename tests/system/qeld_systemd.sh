@@ -1,0 +1,211 @@
+#!/usr/bin/env bash
+# The packages under a real systemd: a container boots the host's own system
+# (systemd-nspawn, with /usr, /etc and /var as throw-away overlays and a
+# volatile root, so the host is left untouched), the built packages are
+# installed in it with dpkg, and the qeld service is pointed at a simulated
+# controller (qel-bmcsim --wall-clock, its watchdog counting in real time)
+# through a drop-in. Then:
+#   - the unit is active after READY=1, with a STATUS= line inside systemctl status;
+#   - the controller's watchdog is armed and reset, the journal has the
+#     agent's messages under its identity;
+#   - kill -9 of the agent: ExecStopPost stops the watchdog, systemd restarts
+#     the agent after RestartSec;
+#   - SIGSTOP (a wedged agent): systemd's watchdog kills and restarts it long
+#     before the controller's watchdog would run out;
+#   - systemctl stop: the watchdog stopped, the OS reported shut down;
+#   - systemd-analyze verify and security (exposure at most 2.5) on the
+#     installed unit;
+#   - programs built against the installed libqelbase-dev with pkg-config and
+#     with find_package run against the controller;
+#   - removing qeld leaves the watchdog stopped;
+# and the container is torn down.
+#
+#   qeld_systemd.sh DIST_DIR     (the packages of scripts/package.sh)
+#
+# The drop-in shortens two times so the test does not wait minutes:
+# WatchdogSec=30s (the unit's 90 s are for controller exchanges of up to 5 s;
+# here they take microseconds, and a pass comes every 20 s) and RestartSec=5s.
+set -euo pipefail
+dist=$(cd "${1:?usage: qeld_systemd.sh DIST_DIR}" && pwd)
+source "$(dirname "$0")/checks-lib.sh"
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "FAIL: needs root (systemd-nspawn)" >&2
+  exit 1
+fi
+command -v systemd-nspawn >/dev/null || { echo "FAIL: systemd-nspawn missing (Debian systemd-container)" >&2; exit 1; }
+debs=("$dist"/libqelbase1_*.deb "$dist"/libqelbase-dev_*.deb "$dist"/qeld_*.deb "$dist"/qel-bmcsim_*.deb)
+for d in "${debs[@]}"; do [ -f "$d" ] || { echo "FAIL: no package $d (run scripts/package.sh)" >&2; exit 1; }; done
+
+T=$(mktemp -d /tmp/qeld-systemd.XXXXXX)
+NSPAWN=
+LEADER=
+teardown() {
+  if [ -n "$NSPAWN" ] && kill -0 "$NSPAWN" 2>/dev/null; then
+    # SIGTERM asks the container's systemd to shut down in order.
+    kill -TERM "$NSPAWN" 2>/dev/null || true
+    local deadline=$(($(date +%s) + 60))
+    while kill -0 "$NSPAWN" 2>/dev/null && [ "$(date +%s)" -lt "$deadline" ]; do sleep 0.2; done
+    kill -KILL "$NSPAWN" 2>/dev/null || true
+    wait "$NSPAWN" 2>/dev/null || true
+  fi
+  if [ "$failures" -ne 0 ]; then
+    echo "(kept $T: the container's console is in console.log)" >&2
+  else
+    rm -rf "$T"
+  fi
+}
+trap teardown EXIT
+
+# inside COMMAND...: a command inside the container, in all its namespaces.
+inside() { nsenter -t "$LEADER" -a "$@"; }
+ctl() { inside qel-bmcsim --socket /run/qel-bmcsim.sock ctl "$@"; }
+dump_value() { ctl dump | awk -v k="$1" 'index($0, k " ") == 1 { print substr($0, length(k) + 2); exit }'; }
+sent_count() {
+  local n
+  n=$(ctl dump | awk -v k="sent $1 x" 'index($0, k) == 1 { sub(/^x/, "", $4); print $4; exit }')
+  echo "${n:-0}"
+}
+prop() { inside systemctl show -P "$1" qeld.service; }
+main_pid() { prop MainPID; }
+unit_active() { [ "$(inside systemctl is-active qeld.service)" == active ]; }
+timer_running() { [ "$(dump_value timer)" == running ]; }
+timer_stopped() { [ "$(dump_value timer)" != running ]; }
+resets_above() { [ "$(sent_count "06 22")" -gt "$1" ]; }
+restarted_from() { local p; p=$(main_pid); [ "$p" != 0 ] && [ "$p" != "$1" ] && unit_active; }
+
+# ---------------------------------------------------------------- the container
+step "boot a container with a real systemd"
+systemd-nspawn --register=no --keep-unit --volatile=yes --overlay=/usr::/usr --overlay=/etc::/etc \
+  --overlay=/var::/var -D / -b </dev/null >"$T/console.log" 2>&1 &
+NSPAWN=$!
+leader_up() {
+  LEADER=$(pgrep -P "$NSPAWN" | head -n1)
+  [ -n "$LEADER" ] && [ "$(cat "/proc/$LEADER/comm" 2>/dev/null)" == systemd ]
+}
+wait_until 60 "container init" leader_up || exit 1
+booted() {
+  local state
+  state=$(inside systemctl is-system-running 2>/dev/null) || true
+  [ "$state" == running ] || [ "$state" == degraded ]
+}
+wait_until 120 "booted container" booted || exit 1
+echo "   ok: container init $LEADER, system $(inside systemctl is-system-running || true)"
+
+step "install the controller and point qeld at it (drop-in), then install qeld"
+# A build machine may forbid services to start from maintainer scripts
+# (policy-rc.d exiting 101, as container images have it); this container is
+# a real system, where packages start their services. The overlay keeps the
+# host's file.
+inside rm -f /usr/sbin/policy-rc.d
+tar -C "$dist" -cf - "${debs[@]##*/}" | inside sh -c 'mkdir -p /root/debs && tar -C /root/debs -xf -'
+inside sh -c 'dpkg -i /root/debs/libqelbase1_*.deb /root/debs/qel-bmcsim_*.deb' >"$T/dpkg-sim.log"
+inside systemd-run --quiet --unit=qel-bmcsim --service-type=exec \
+  /usr/bin/qel-bmcsim --socket /run/qel-bmcsim.sock --wall-clock --config /usr/share/qelbase/descriptions/default.conf
+sim_serves() { inside test -S /run/qel-bmcsim.sock; }
+wait_until 20 "controller socket" sim_serves || exit 1
+inside mkdir -p /etc/systemd/system/qeld.service.d
+inside sh -c 'cat >/etc/systemd/system/qeld.service.d/bench.conf' <<'CONF'
+[Service]
+Environment="QELD_OPTIONS=--bmc-socket /run/qel-bmcsim.sock"
+WatchdogSec=30s
+RestartSec=5s
+CONF
+inside sh -c 'dpkg -i /root/debs/qeld_*.deb' >"$T/dpkg-qeld.log" 2>&1 || { fail "dpkg -i qeld: $(cat "$T/dpkg-qeld.log")"; exit 1; }
+
+# ---------------------------------------------------------------- running
+step "the service runs: active after READY=1, watchdog armed and reset"
+wait_until 30 "active qeld.service" unit_active
+expect_eq "Type" "$(prop Type)" notify
+expect_eq "enabled on install" "$(inside systemctl is-enabled qeld.service)" enabled
+wait_until 30 "armed watchdog" timer_running
+expect_eq "timer use" "$(dump_value timer-use)" "4 (SMS/OS)"
+resets=$(sent_count "06 22")
+expect_ge "watchdog resets" "$resets" 1
+status=$(prop StatusText)
+expect_true "STATUS= '$status'" grep -qE '^watchdog 300 s, reset [0-9]+ s ago; ' <<<"$status"
+inside systemctl status --no-pager qeld.service >"$T/status.txt" 2>&1 || true
+expect_true "systemctl status shows the status line" grep -qF "Status: \"$status\"" "$T/status.txt"
+
+step "the installed unit verifies, and its sandbox"
+inside systemd-analyze verify qeld.service >"$T/verify.txt" 2>&1 || fail "systemd-analyze verify: $(cat "$T/verify.txt")"
+expect_eq "verify output" "$(cat "$T/verify.txt")" ""
+exposure=$(inside systemd-analyze security --no-pager qeld.service | sed -n 's/.*Overall exposure level for qeld.service: \([0-9.]*\).*/\1/p')
+expect_true "exposure $exposure <= 2.5" awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 2.5) }'
+
+step "kill -9: ExecStopPost stops the watchdog, systemd restarts the agent"
+pid=$(main_pid)
+restarts=$(prop NRestarts)
+sets_before=$(sent_count "06 24")
+inside kill -9 "$pid"
+stop_sent() { [ "$(sent_count "06 24")" -gt "$sets_before" ]; }
+wait_until 20 "a Set Watchdog Timer (the stop) from ExecStopPost" stop_sent
+wait_until 30 "a new agent" restarted_from "$pid"
+expect_eq "restarts" "$(prop NRestarts)" $((restarts + 1))
+inside journalctl -q --no-pager -u qeld.service >"$T/journal.txt"
+expect_true "the stop ran after the kill" grep -q "qeld.service: Main process exited, code=killed, status=9/KILL" "$T/journal.txt"
+wait_until 30 "watchdog armed again" timer_running
+
+step "SIGSTOP (a wedged agent): systemd's watchdog kills and restarts it in time"
+wait_until 30 "ready agent" unit_active
+pid=$(main_pid)
+restarts=$(prop NRestarts)
+before=$(sent_count "06 22")
+stopped_at=$(date +%s)
+inside kill -STOP "$pid"
+wait_until 60 "a new agent after the watchdog timeout" restarted_from "$pid"
+wait_until 30 "a watchdog reset by the new agent" resets_above "$before"
+took=$(($(date +%s) - stopped_at))
+# The controller's timer is 300 s; the last reset before the stop was at
+# most 100 s earlier, so the new agent had to be there within 200 s.
+expect_le "seconds from the wedge to the new agent's first reset" "$took" 200
+expect_eq "controller watchdog expiries" "$(dump_value expiries)" 0
+expect_eq "restarts" "$(prop NRestarts)" $((restarts + 1))
+inside journalctl -q --no-pager -u qeld.service >"$T/journal.txt"
+expect_true "systemd saw the watchdog timeout" grep -q "qeld.service: Watchdog timeout" "$T/journal.txt"
+
+step "systemctl stop: watchdog stopped, OS reported shut down"
+wait_until 30 "ready agent" unit_active
+inside systemctl stop qeld.service
+expect_true "watchdog stopped" timer_stopped
+expect_eq "last OS status (6: shut down)" "$(dump_value os-status | awk '{ print $NF }')" 6
+expect_eq "agent connection" "$(dump_value agent-connection)" "2 (disconnected)"
+# The journal: the agent's own syslog messages under its identity (QELD in
+# --foreground), attributed to the unit.
+inside journalctl -q --no-pager -o cat -u qeld.service -t QELD >"$T/agent-journal.txt"
+expect_true "the agent's messages in the unit's journal (identity QELD)" \
+  grep -qx "Termination signal received" "$T/agent-journal.txt"
+inside systemctl start qeld.service
+wait_until 30 "watchdog armed again" timer_running
+
+step "programs built against the installed libqelbase-dev"
+inside sh -c 'dpkg -i /root/debs/libqelbase-dev_*.deb' >"$T/dpkg-dev.log"
+inside sh -c 'mkdir -p /root/consumer && man -P cat libqelbase 2>/dev/null >/dev/null; true'
+# The manual page's example, as the page shows it.
+inside sh -c "zcat /usr/share/man/man3/libqelbase.3.gz | sed -n '/^\\.SH EXAMPLE/,/^\\.SH/p' | sed -n '/^\\.nf/,/^\\.fi/p' | sed '1d;\$d' | sed 's/\\\\en/\\\\n/g' >/root/consumer/app.cpp"
+expect_true "the example has a main" inside grep -q 'int main' /root/consumer/app.cpp
+inside sh -c 'cd /root/consumer && g++ -std=c++17 -o app-pc app.cpp $(pkg-config --cflags --libs qelbase)' ||
+  fail "pkg-config build"
+inside sh -c 'cat >/root/consumer/CMakeLists.txt' <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(consumer CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(qelbase 1 REQUIRED)
+add_executable(app-cmake app.cpp)
+target_link_libraries(app-cmake PRIVATE qelbase::qelbase)
+CMAKE
+inside sh -c 'cd /root/consumer && cmake -S . -B build >/dev/null && cmake --build build >/dev/null' || fail "find_package build"
+preload=$(inside sh -c 'ls /usr/lib/*/qelbase/libqelsim-preload.so')
+for app in /root/consumer/app-pc /root/consumer/build/app-cmake; do
+  out=$(inside env LD_PRELOAD="$preload" QEL_BMCSIM_SOCKET=/run/qel-bmcsim.sock "$app" 2>&1) || true
+  expect_true "$app reads the controller ('$out')" grep -q '^IPMIv' <<<"$out"
+done
+
+step "removing qeld leaves the watchdog stopped"
+wait_until 30 "watchdog armed" timer_running
+inside dpkg --purge qeld >"$T/dpkg-purge.log" 2>&1 || fail "dpkg --purge qeld: $(cat "$T/dpkg-purge.log")"
+expect_true "watchdog stopped" timer_stopped
+expect_eq "unit gone" "$(inside systemctl show -P LoadState qeld.service)" not-found
+expect_true "no qeld process" bash -c "! nsenter -t $LEADER -a pgrep -x qeld >/dev/null"
+
+finish
