@@ -27,6 +27,14 @@ run_tests() {
 configure_and_build build/plain all -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_tests build/plain
 
+# The Debian packages (built from this tree with debhelper into dist/): their
+# files, lintian and the manual pages, then installed and run under a real
+# systemd in a container that leaves the host untouched.
+echo "== packages"
+scripts/package.sh --no-lintian
+bash tests/system/packages.sh dist
+bash tests/system/qeld_systemd.sh dist
+
 configure_and_build build/asan all -DCMAKE_BUILD_TYPE=Debug -DQEL_SANITIZE=address,undefined -DQEL_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_tests build/asan

@@ -22,9 +22,27 @@ if command -v systemd-analyze >/dev/null; then
   fi
   step "what the unit says"
   value() { sed -n "s/^$1=//p" "$UNIT"; }
-  expect_eq "Type" "$(value Type)" simple
-  expect_eq "ExecStart" "$(value ExecStart)" "/usr/sbin/qeld --foreground"
-  expect_eq "ExecStopPost (the watchdog stopped after any end)" "$(value ExecStopPost)" "-/usr/sbin/qeld --shutdown"
+  expect_eq "Type" "$(value Type)" notify
+  expect_eq "ExecStart" "$(value ExecStart)" "/usr/sbin/qeld --foreground \$QELD_OPTIONS"
+  expect_eq "ExecStopPost (the watchdog stopped after any end)" "$(value ExecStopPost)" "-/usr/sbin/qeld --shutdown \$QELD_OPTIONS"
+  # systemd's watchdog must outlast a pass (20 s apart, a few exchanges of
+  # at most 5 s) and fire well inside the BMC's shortest timer (240 s, reset
+  # at least every 80 s).
+  watchdog_sec=$(value WatchdogSec)
+  expect_ge "WatchdogSec" "$watchdog_sec" 60
+  expect_le "WatchdogSec" "$watchdog_sec" 120
+  expect_le "OOMScoreAdjust" "$(value OOMScoreAdjust)" -500
+  step "the sandbox (systemd-analyze security --offline)"
+  if systemd-analyze security --offline=true --no-pager "$T/qeld.service" >"$T/security" 2>&1; then
+    exposure=$(sed -n 's/.*Overall exposure level for qeld.service: \([0-9.]*\).*/\1/p' "$T/security")
+    expect_true "exposure '$exposure' at most 2.5" awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 2.5) }'
+    # Every exposure left is explained in the unit's comments.
+    for setting in $(sed -n 's/^✗ \([A-Za-z]*\)=.*/\1/p' "$T/security" | sort -u); do
+      expect_true "the unit explains $setting" grep -q "^#.*$setting" "$UNIT"
+    done
+  else
+    fail "systemd-analyze security: $(cat "$T/security")"
+  fi
   expect_eq "Restart" "$(value Restart)" on-failure
   expect_eq "no restart for: no controller, pid file, usage" "$(value RestartPreventExitStatus)" "3 4 64"
   # Automatic restarts alone never reach the start limit.
