@@ -40,7 +40,7 @@ for d in "${debs[@]}"; do [ -f "$d" ] || { echo "FAIL: no package $d (run script
 T=$(mktemp -d /tmp/qeld-systemd.XXXXXX)
 NSPAWN=
 LEADER=
-teardown() {
+teardown_container() {
   if [ -n "$NSPAWN" ] && kill -0 "$NSPAWN" 2>/dev/null; then
     # SIGTERM asks the container's systemd to shut down in order.
     kill -TERM "$NSPAWN" 2>/dev/null || true
@@ -49,6 +49,9 @@ teardown() {
     kill -KILL "$NSPAWN" 2>/dev/null || true
     wait "$NSPAWN" 2>/dev/null || true
   fi
+}
+teardown() {
+  teardown_container
   if [ "$failures" -ne 0 ]; then
     echo "(kept $T: the container's console is in console.log)" >&2
   else
@@ -73,6 +76,8 @@ timer_running() { [ "$(dump_value timer)" == running ]; }
 timer_stopped() { [ "$(dump_value timer)" != running ]; }
 resets_above() { [ "$(sent_count "06 22")" -gt "$1" ]; }
 restarted_from() { local p; p=$(main_pid); [ "$p" != 0 ] && [ "$p" != "$1" ] && unit_active; }
+
+policy_rc=$(cat /usr/sbin/policy-rc.d 2>/dev/null || echo none)
 
 # ---------------------------------------------------------------- the container
 step "boot a container with a real systemd"
@@ -111,7 +116,9 @@ Environment="QELD_OPTIONS=--bmc-socket /run/qel-bmcsim.sock"
 WatchdogSec=30s
 RestartSec=5s
 CONF
-inside sh -c 'dpkg -i /root/debs/qeld_*.deb' >"$T/dpkg-qeld.log" 2>&1 || { fail "dpkg -i qeld: $(cat "$T/dpkg-qeld.log")"; exit 1; }
+# As an administrator installs it (qeld needs nothing beyond the C library).
+inside sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y /root/debs/qeld_*.deb' \
+  >"$T/apt-qeld.log" 2>&1 || { fail "apt-get install ./qeld_*.deb: $(cat "$T/apt-qeld.log")"; exit 1; }
 
 # ---------------------------------------------------------------- running
 step "the service runs: active after READY=1, watchdog armed and reset"
@@ -207,5 +214,13 @@ inside dpkg --purge qeld >"$T/dpkg-purge.log" 2>&1 || fail "dpkg --purge qeld: $
 expect_true "watchdog stopped" timer_stopped
 expect_eq "unit gone" "$(inside systemctl show -P LoadState qeld.service)" not-found
 expect_true "no qeld process" bash -c "! nsenter -t $LEADER -a pgrep -x qeld >/dev/null"
+
+step "the container goes, and leaves nothing on the host"
+teardown_container
+expect_true "no container process" bash -c "! kill -0 $NSPAWN 2>/dev/null"
+expect_true "no qeld or qel-bmcsim process on the host" bash -c "! pgrep -x 'qeld|qel-bmcsim' >/dev/null"
+expect_true "the host has no qeld package" bash -c "! dpkg-query -W -f='\${Status}' qeld 2>/dev/null | grep -q installed"
+expect_true "the host has no drop-in" test ! -e /etc/systemd/system/qeld.service.d
+expect_true "the host's policy-rc.d is as it was" test "$policy_rc" == "$(cat /usr/sbin/policy-rc.d 2>/dev/null || echo none)"
 
 finish
