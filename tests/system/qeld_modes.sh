@@ -114,6 +114,57 @@ for sig in INT HUP; do
   expect_eq "watchdog after SIG$sig" "$(dump_value timer)" stopped
 done
 
+step "--foreground under a service manager: READY=1 after the first pass, WATCHDOG=1 and STATUS= after each"
+# A stand-in for systemd's notification socket: every datagram, then a line "--".
+notify_listener() {
+  python3 -c '
+import os, socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.bind(sys.argv[1])
+out = open(sys.argv[2], "a")
+while True:
+    out.write(s.recv(4096).decode() + "--\n")
+    out.flush()
+' "$1" "$2" &
+  KILL_AT_END+=("$!")
+  NOTIFY_PID=$!
+}
+datagrams() { grep -c '^--$' "$T/notify" 2>/dev/null || echo 0; }
+datagrams_at_least() { [ "$(datagrams)" -ge "$1" ]; }
+notify_bound() { [ -S "$T/notify.sock" ]; }
+for loop in host strict; do
+  rm -f "$T/notify.sock"
+  : >"$T/notify"
+  notify_listener "$T/notify.sock" "$T/notify"
+  wait_until 10 "the notification socket" notify_bound
+  ctl clear-requests
+  extra=()
+  [ "$loop" == strict ] && extra=(--strict)
+  NOTIFY_SOCKET=$T/notify.sock with_log_bg "$QELD" --foreground "${extra[@]}" --bmc-socket "$SOCK" --no-stderr \
+    --test-time-scale=40
+  fg=$BG_PID
+  wait_until 20 "three passes' notifications ($loop loop)" datagrams_at_least 3
+  expect_eq "$loop: the first says READY=1" "$(head -n1 "$T/notify")" "READY=1"
+  expect_eq "$loop: READY=1 once" "$(grep -c '^READY=1$' "$T/notify")" 1
+  expect_eq "$loop: a WATCHDOG=1 in each" "$(grep -c '^WATCHDOG=1$' "$T/notify")" "$(datagrams)"
+  expect_eq "$loop: a STATUS= in each" "$(grep -c '^STATUS=' "$T/notify")" "$(datagrams)"
+  if [ "$loop" == host ]; then
+    expect_true "$loop: status line '$(grep -m1 '^STATUS=' "$T/notify")'" \
+      grep -qE '^STATUS=watchdog 300 s, reset [0-9]+ s ago; ' "$T/notify"
+  else
+    expect_true "$loop: status line '$(grep -m1 '^STATUS=' "$T/notify")'" \
+      grep -qE '^STATUS=library loop: watchdog reset [0-9]+ s ago; [0-9]+ pass(es)?$' "$T/notify"
+  fi
+  kill -TERM "$fg"
+  set +e
+  wait "$fg"
+  status=$?
+  set -e
+  expect_eq "$loop: exit status" "$status" 0
+  wait_until 5 "STOPPING=1" grep -q '^STOPPING=1$' "$T/notify"
+  kill "$NOTIFY_PID" 2>/dev/null || true
+done
+
 step "--once --simulate --report: the built-in controller, its state printed"
 "$QELD" --once --simulate --report --no-stderr >"$T/report"
 expect_eq "exit status" "$?" 0

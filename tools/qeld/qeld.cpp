@@ -358,7 +358,8 @@ std::string serviceStatus(const qeld::QeldPlatform& platform, const QelHostAgent
     const long long sinceReset = platform.secondsSinceWatchdogReset();
     const std::string reset =
         sinceReset < 0 ? "not reset yet" : "reset " + std::to_string(sinceReset) + " s ago";
-    if (host == nullptr) return "library loop: watchdog " + reset + "; " + std::to_string(passes) + " passes";
+    if (host == nullptr)
+        return "library loop: watchdog " + reset + "; " + std::to_string(passes) + (passes == 1 ? " pass" : " passes");
 
     const QelHostAgent::Status status = host->status();
     std::string text;
