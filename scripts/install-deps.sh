@@ -2,6 +2,9 @@
 # Installs the Debian packages the build, the tests and the tools need, and
 # nothing when they are all present already (so a warm machine does not wait
 # for apt). Needs root; the project's machines run as root.
+#
+#   scripts/install-deps.sh              everything below
+#   scripts/install-deps.sh PACKAGE...   just these (for scripts that need few)
 set -euo pipefail
 
 packages=(
@@ -19,6 +22,8 @@ packages=(
   systemd-container                  # systemd-nspawn: the packages under a real systemd
   man-db binutils                    # manual pages rendered with warnings; objdump for SONAMEs
 )
+
+(($#)) && packages=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -20,17 +20,7 @@ case ${1:-} in
   *) echo "package.sh: unknown option $1" >&2; exit 64 ;;
 esac
 
-packages=(build-essential debhelper dpkg-dev cmake pkg-config libcli11-dev nlohmann-json3-dev lintian)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  echo "installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+scripts/install-deps.sh build-essential debhelper dpkg-dev cmake pkg-config libcli11-dev nlohmann-json3-dev lintian
 
 version=$(dpkg-parsechangelog -l debian/changelog -S Version)
 work=$(mktemp -d)
