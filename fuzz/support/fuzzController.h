@@ -39,8 +39,6 @@
 
 #include "qelIpmiDevice.h"
 #include "qelSimBmc.h"
-#include "qelSimBoard.h"
-#include "qelSimFru.h"
 #include "qelSimDevice.h"  // qelSim::exchange
 #include "qelSimDeviceQueue.h"
 
@@ -62,23 +60,11 @@ public:
 
     // What the simulated controller's default describes: a blade with its
     // extended management board in slot 3, two NIC ports (on the board and
-    // in a PNI record), the software watchdog on at 300 s, LAN channel 1. The
-    // same as the description lines
-    //   board extended / board-slot 3 / nic-ports 02:00:00:00:0a:01
-    //   02:00:00:00:0a:02 / soft-watchdog on 300 / lan-channel 1 on
-    // but the PNI image, the same every time, is built once per process.
+    // in a PNI record), the software watchdog on at 300 s, LAN channel 1.
     void describeBlade() {
-        static const qelSim::Bytes image = [] {
-            qelSim::SimBmc model;
-            model.applyDescriptionLine("nic-ports 02:00:00:00:0a:01 02:00:00:00:0a:02");
-            return model.fru().image();
-        }();
-        bmc_.applyDescriptionLine("board extended");
-        bmc_.applyDescriptionLine("board-slot 3");
-        bmc_.board().setPorts({{1, {0x02, 0, 0, 0, 0x0a, 0x01}}, {2, {0x02, 0, 0, 0, 0x0a, 0x02}}});
-        bmc_.fru().setImage(image);
-        bmc_.applyDescriptionLine("soft-watchdog on 300");
-        bmc_.applyDescriptionLine("lan-channel 1 on");
+        for (const char* line : {"board extended", "board-slot 3", "nic-ports 02:00:00:00:0a:01 02:00:00:00:0a:02",
+                                 "soft-watchdog on 300", "lan-channel 1 on"})
+            bmc_.applyDescriptionLine(line);
     }
 
     // Exchanges begun so far.
