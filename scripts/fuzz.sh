@@ -44,7 +44,7 @@ while (($#)); do
     --build-dir) build=$2; shift 2 ;;
     --planted) planted=ON; shift ;;
     --build-only) build_only=1; shift ;;
-    -h|--help) sed -n "2,28p" "$0"; exit 0 ;;
+    -h|--help) sed -n "2,25p" "$0"; exit 0 ;;
     *) echo "fuzz.sh: unknown option $1" >&2; exit 64 ;;
   esac
 done
