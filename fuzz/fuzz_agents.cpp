@@ -90,9 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     FuzzedDataProvider in(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0);
 
     qelFuzz::FuzzController controller(in, 192);
-    for (const char* line : {"board extended", "board-slot 3", "nic-ports 02:00:00:00:0a:01 02:00:00:00:0a:02",
-                             "soft-watchdog on 300", "lan-channel 1 on"})
-        controller->applyDescriptionLine(line);
+    controller.describeBlade();
     qelFuzz::NetworkScript network(in);
     platform.network = &network;
 

@@ -151,11 +151,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     const unsigned char component = size > 0 ? data[0] : 0;
     FuzzedDataProvider in(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0);
     FuzzController controller(in, 96);
-    controller->applyDescriptionLine("board extended");
-    controller->applyDescriptionLine("board-slot 3");
-    controller->applyDescriptionLine("nic-ports 02:00:00:00:0a:01 02:00:00:00:0a:02");
-    controller->applyDescriptionLine("soft-watchdog on 300");
-    controller->applyDescriptionLine("lan-channel 1 on");
+    controller.describeBlade();
     switch (component % 6) {
     case 0: identity(in); break;
     case 1: eeprom(in); break;

@@ -1,10 +1,10 @@
 // Writes the seed corpus of every fuzz target (fuzz/make-seeds.sh runs it):
 //   qel-fuzz-seeds OUTDIR [SMBIOS_TABLE_DIR]
 // OUTDIR/<target>/ gets the seeds: PNI images of every record version from
-// the simulator's builder, the real SMBIOS tables of SMBIOS_TABLE_DIR (files
-// in dmidecode's --dump-bin layout) placed in the F-segment with the table in
-// low memory, above 1 MiB and on an ESXi device, and one seed per component
-// or mode for the others.
+// the simulator's builder (for fuzz_pni and fuzz_qelctl), the real SMBIOS
+// tables of SMBIOS_TABLE_DIR (files in dmidecode's --dump-bin layout) placed
+// in the F-segment with the table in low memory, above 1 MiB and on an ESXi
+// device, and one seed per component, mode or command for the others.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -74,6 +74,45 @@ void pniSeeds(const fs::path& dir) {
         // The typical record does not fit that size; the others cover it.
     }
     write(dir, "empty", pniSeed({}));
+}
+
+// fuzz_qelctl: the command (bit 7 --json), the image length (two bytes),
+// the image, then what drives the controller (fuzz_qelctl.cpp). Every
+// command in text and JSON with the blade's own image; the PNI commands also
+// over the typical images of every record version and a full NIC area.
+void qelctlSeeds(const fs::path& dir) {
+    using qelSim::PniImageBuilder;
+    constexpr unsigned char commands = 7;  // fuzz_qelctl.cpp's command lines
+    constexpr unsigned char json = 0x80;
+    for (unsigned char command = 0; command < commands; ++command) {
+        const std::string stem = "command-" + std::to_string(command);
+        write(dir, stem, {command, 0x00, 0x00});
+        write(dir, stem + "-json", {static_cast<unsigned char>(command | json), 0x00, 0x00});
+        // Some exchanges bent: a completion code, a reply cut short, bytes.
+        write(dir, stem + "-bent", {command, 0x00, 0x00, 0x00, 0xA0, 0xC1, 0xA3, 0x02, 0xA1, 0x05, 0x00, 0x01,
+                                    0x02, 0x03, 0x04, 0x05});
+    }
+    std::vector<std::pair<std::string, Bytes>> images;
+    for (unsigned char version : {10, 11, 12})
+        images.emplace_back("v" + std::to_string(version), PniImageBuilder::typical(version).build().bytes);
+    qelSim::PniFunctionSpec nic = qelSim::PniFunctionSpec::nic({0x02, 0, 0, 0, 0x0a, 0x01});
+    for (unsigned char i = 1; i <= 15; ++i) {
+        nic.ipv4.push_back({10, 0, 0, i});
+        qelSim::Ipv6Bytes v6{0x20, 0x01, 0x0d, 0xb8};
+        v6[15] = i;
+        nic.ipv6.push_back(v6);
+    }
+    qelSim::PniAdapterSpec adapter;
+    adapter.ports.push_back(qelSim::PniPortSpec{{nic}, 4});
+    images.emplace_back("full-nic-area", PniImageBuilder().version(12).adapter(adapter).build().bytes);
+    for (const auto& [name, image] : images)
+        for (unsigned char command : {0, 1})
+            for (unsigned char output : {0, static_cast<int>(json)}) {
+                Bytes seed{static_cast<unsigned char>(command | output)};
+                const Bytes rest = pniSeed(image);
+                seed.insert(seed.end(), rest.begin(), rest.end());
+                write(dir, "pni-" + name + (command ? "-raw" : "") + (output ? "-json" : ""), seed);
+            }
 }
 
 // A 32-bit entry point for `length` bytes of `table`, announcing the
@@ -161,6 +200,7 @@ int main(int argc, char** argv) {
         write(out / "fuzz_agents", "agent-" + std::to_string(agent) + "-host",
               {agent, 'e', 't', 'h', '0', 0x00, 0x0a, 0x01, 0x02, 0x03, 0x01, 0x05, 0x02, 0x03, 0x01});
     }
+    qelctlSeeds(out / "fuzz_qelctl");
     write(out / "fuzz_network", "legacy", {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
     write(out / "fuzz_network", "netlink", {0x01, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
     if (argc > 2) smbiosSeeds(out / "fuzz_smbios", argv[2]);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the fuzz tree (build/fuzz, clang, libFuzzer + ASan + UBSan) and runs
 # a campaign: every fuzz target for N seconds over the repository's corpus,
-# at most two at a time, each under nice.
+# at most two at a time, each under nice -n 19 (the machine is shared).
 #
 #   scripts/fuzz.sh --seconds N [--parallel 1|2] [--targets "fuzz_pni ..."]
 #   scripts/fuzz.sh --build-only [--planted]
@@ -10,7 +10,7 @@
 #   --seconds N       how long each target runs at most (default 60)
 #   --runs N          ... or until it executed N inputs, whichever comes first
 #   --parallel J      targets run at once, 1 or 2 (default 1; the machine is shared)
-#   --targets LIST    the targets to run (default: all five)
+#   --targets LIST    the targets to run (default: all six)
 #   --build-dir DIR   the fuzz tree (default build/fuzz)
 #   --planted         also build fuzz_smbios_planted, the target over a
 #                     deliberately broken copy of the SMBIOS reader (kept
@@ -31,7 +31,7 @@ seconds=60
 runs=-1
 parallel=1
 # The slowest first, so that two at a time finish close together.
-targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_pni fuzz_network"
+targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_qelctl fuzz_pni fuzz_network"
 build=build/fuzz
 planted=
 build_only=0
@@ -44,7 +44,7 @@ while (($#)); do
     --build-dir) build=$2; shift 2 ;;
     --planted) planted=ON; shift ;;
     --build-only) build_only=1; shift ;;
-    -h|--help) sed -n "2,28p" "$0"; exit 0 ;;
+    -h|--help) sed -n "2,25p" "$0"; exit 0 ;;
     *) echo "fuzz.sh: unknown option $1" >&2; exit 64 ;;
   esac
 done
@@ -59,6 +59,7 @@ cmake --build "$build" -j"$(nproc)"
 # dict_of TARGET: the dictionary a target uses.
 dict_of() {
   case $1 in
+    fuzz_qelctl) echo "$top/fuzz/dict/qelctl.dict" ;;
     fuzz_pni) echo "$top/fuzz/dict/fru.dict" ;;
     fuzz_smbios) echo "$top/fuzz/dict/smbios.dict" ;;
     fuzz_network) echo "$top/fuzz/dict/netlink.dict" ;;
@@ -74,7 +75,7 @@ run_one() {
   echo "-- $t: ${seconds}s"
   # -rss_limit_mb: the default 2 GiB; -timeout: a single input that runs for
   # seconds is a hang worth reporting.
-  nice -n 10 "$build/fuzz/$t" -max_total_time="$seconds" -runs="$runs" -print_final_stats=1 -timeout=10 \
+  nice -n 19 "$build/fuzz/$t" -max_total_time="$seconds" -runs="$runs" -print_final_stats=1 -timeout=10 \
     -dict="$(dict_of "$t")" -artifact_prefix="$campaign/artifacts/$t-" \
     "$campaign/$t" "$top/fuzz/corpus/$t" >"$campaign/$t.log" 2>&1
 }

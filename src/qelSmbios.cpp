@@ -126,11 +126,21 @@ QelSmbios::QelSmbios() {
 
             // Every candidate is tested, even after a hit: a later entry point
             // in the same block replaces the first, as it always has.
-            for (unsigned int offset = 0; offset < kBlockSize; offset += kCandidateStep) {
+            // Only a boundary holding '_' can start one: memchr skips the
+            // runs of other bytes (mostly zeros) instead of a test per
+            // boundary. The search starts again behind each candidate, over
+            // the block as it is then (reading the ESXi table reuses it).
+            for (unsigned int offset = 0; offset < kBlockSize;) {
+                const void* mark = std::memchr(block.data() + offset, '_', kBlockSize - offset);
+                if (mark == nullptr) break;
+                const auto at = static_cast<unsigned int>(static_cast<const char*>(mark) - block.data());
+                offset = (at + kCandidateStep - 1) / kCandidateStep * kCandidateStep;
+                if (offset != at) continue;
                 if (isSmbiosHeader(block.data() + offset)) {
                     takeTable(block.data(), offset, stream);
                     position = kSearchFinished;
                 }
+                offset += kCandidateStep;
             }
         } while (position != kSearchFinished);
     } catch (...) {

@@ -13,6 +13,13 @@
 //
 // The library's own select/receive loop runs unchanged; time-outs end at
 // once (the simulator's select has no real waits).
+//
+// The device is the simulator's exchange and receive queue without the
+// queue's eventfd: nothing here ever waits in the kernel, so the descriptor
+// (made and closed at every open, written and read at every message) was
+// pure cost. Every device presents the same descriptor number, one /dev/null
+// opened once; select answers from the queue, as the simulated device does
+// when time-outs are not real.
 #ifndef QEL_FUZZ_CONTROLLER_H
 #define QEL_FUZZ_CONTROLLER_H
 
@@ -21,13 +28,18 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "qelIpmiDevice.h"
 #include "qelSimBmc.h"
-#include "qelSimDevice.h"
+#include "qelSimDevice.h"  // qelSim::exchange
 #include "qelSimDeviceQueue.h"
 
 namespace qelFuzz {
@@ -37,7 +49,7 @@ public:
     // `passBelow`: a step byte below it lets the exchange through untouched;
     // 0 bends every exchange, 256 none.
     FuzzController(FuzzedDataProvider& input, unsigned passBelow)
-        : in_(input), passBelow_(passBelow), sim_(bmc_), provider_(*this),
+        : in_(input), passBelow_(passBelow), provider_(*this),
           previous_(qelIpmi::setIpmiDeviceProvider(&provider_)) {}
     ~FuzzController() { qelIpmi::setIpmiDeviceProvider(previous_); }
     FuzzController(const FuzzController&) = delete;
@@ -45,39 +57,85 @@ public:
 
     qelSim::SimBmc& bmc() { return bmc_; }
     qelSim::SimBmc* operator->() { return &bmc_; }
+
+    // What the simulated controller's default describes: a blade with its
+    // extended management board in slot 3, two NIC ports (on the board and
+    // in a PNI record), the software watchdog on at 300 s, LAN channel 1.
+    void describeBlade() {
+        for (const char* line : {"board extended", "board-slot 3", "nic-ports 02:00:00:00:0a:01 02:00:00:00:0a:02",
+                                 "soft-watchdog on 300", "lan-channel 1 on"})
+            bmc_.applyDescriptionLine(line);
+    }
+
     // Exchanges begun so far.
     unsigned long exchanges() const { return exchanges_; }
 
 private:
+    // The descriptor every device presents (see above).
+    static int sharedFd() {
+        static const int fd = [] {
+            const int opened = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            if (opened < 0 || opened >= FD_SETSIZE) std::abort();
+            return opened;
+        }();
+        return fd;
+    }
+
     class Device : public qelIpmi::QelIpmiDevice {
     public:
-        Device(FuzzController& owner, std::unique_ptr<qelIpmi::QelIpmiDevice> inner)
-            : owner_(owner), inner_(std::move(inner)) {}
-        int fd() const override { return inner_->fd(); }
+        explicit Device(FuzzController& owner) : owner_(owner), queue_(false) {}
+        int fd() const override { return sharedFd(); }
         int ioctl(unsigned long request, void* argument) override {
-            if (request == IPMICTL_SEND_COMMAND) owner_.bend(argument);
-            return inner_->ioctl(request, argument);
+            if (request != IPMICTL_SEND_COMMAND) return queue_.ioctl(request, argument);
+            owner_.bend(argument);
+            qelSim::Request r;
+            if (int e = qelSim::requestFromKernel(argument, r)) {
+                errno = e;
+                return -1;
+            }
+            const int result = qelSim::exchange(owner_.bmc_, r, queue_);
+            // The controller keeps every request for tests to look at; nothing
+            // here does, and a run may make a thousand exchanges.
+            owner_.bmc_.clearRequests();
+            return result;
         }
+        // What qelSim::DeviceQueue::select does without real time-outs: a
+        // pending select fault first, then ready when a message waits, else
+        // the time is up at once.
         int select(int nfds, fd_set* readSet, struct timeval* timeout) override {
-            return inner_->select(nfds, readSet, timeout);
+            owner_.bmc_.selectCalled();
+            if (std::optional<qelSim::Fault> fault = queue_.takeDeviceFault()) {
+                if (fault->kind == qelSim::Fault::SelectFails) {
+                    errno = fault->errnoValue;
+                    return -1;
+                }
+                if (fault->kind == qelSim::Fault::SelectNotReady) {
+                    if (readSet) FD_ZERO(readSet);
+                    return 1;
+                }
+                queue_.setDeviceFault(*fault);  // a receive fault: the receive takes it
+            }
+            const int fd = sharedFd();
+            if (readSet != nullptr && fd < nfds && FD_ISSET(fd, readSet) && !queue_.empty()) return 1;
+            if (readSet) FD_ZERO(readSet);
+            if (timeout) *timeout = {0, 0};
+            return 0;
         }
 
     private:
         FuzzController& owner_;
-        std::unique_ptr<qelIpmi::QelIpmiDevice> inner_;
+        qelSim::DeviceQueue queue_;
     };
 
     class Provider : public qelIpmi::QelIpmiDeviceProvider {
     public:
         explicit Provider(FuzzController& owner) : owner_(owner) {}
-        std::unique_ptr<qelIpmi::QelIpmiDevice> open(const char* path, int flags) override {
+        std::unique_ptr<qelIpmi::QelIpmiDevice> open(const char*, int) override {
             if (owner_.oneIn(64)) {
                 errno = owner_.oneIn(2) ? ENOENT : EACCES;
                 return nullptr;
             }
-            std::unique_ptr<qelIpmi::QelIpmiDevice> inner = owner_.sim_.open(path, flags);
-            if (!inner) return nullptr;
-            return std::make_unique<Device>(owner_, std::move(inner));
+            return std::make_unique<Device>(owner_);
         }
 
     private:
@@ -181,7 +239,6 @@ private:
     unsigned passBelow_;
     unsigned long exchanges_ = 0;
     qelSim::SimBmc bmc_;
-    qelSim::SimDeviceProvider sim_;
     Provider provider_;
     qelIpmi::QelIpmiDeviceProvider* previous_;
 };

@@ -75,7 +75,12 @@ void Output::line(const std::string& label, const std::string& value, int width)
 
 void Output::heading(const std::string& text) { std::cout << text << '\n'; }
 
-void Output::print(const Json& document) { std::cout << document.dump(2) << '\n'; }
+void Output::print(const Json& document) {
+    // Texts come from the controller as bytes (a version 10 PNI function's
+    // type, configuration-space strings); one that is not UTF-8 is shown
+    // with U+FFFD in its place rather than failing the whole document.
+    std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
 
 std::string hex8(unsigned value) {
     char text[8];

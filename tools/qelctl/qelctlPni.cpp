@@ -159,10 +159,18 @@ void addPni(CLI::App& app, Action& action) {
                 for (const Json& a : doc["adapters"])
                     for (const Json& p : a["ports"])
                         for (const Json& f : p["functions"]) {
-                            std::string line = f["type"].is_null() ? "?" : f["type"].get<std::string>();
-                            if (!f["mac"].is_null()) line += "  " + f["mac"].get<std::string>();
-                            for (const Json& v4 : f["ipv4"]) line += "  " + v4.get<std::string>();
-                            for (const Json& v6 : f["ipv6"]) line += "  " + v6.get<std::string>();
+                            // The entry a broken record ends with has only its
+                            // index and a null type: a missing key reads as
+                            // null here (operator[] of a const document must
+                            // not be asked for one it lacks).
+                            auto field = [&f](const char* key) {
+                                const auto it = f.find(key);
+                                return it != f.end() ? *it : Json(nullptr);
+                            };
+                            std::string line = field("type").is_null() ? "?" : field("type").get<std::string>();
+                            if (!field("mac").is_null()) line += "  " + field("mac").get<std::string>();
+                            for (const Json& v4 : field("ipv4")) line += "  " + v4.get<std::string>();
+                            for (const Json& v6 : field("ipv6")) line += "  " + v6.get<std::string>();
                             char label[64];
                             std::snprintf(label, sizeof label, "Adapter %d Port %d Fn %d", a["index"].get<int>(),
                                           p["index"].get<int>(), f["index"].get<int>());
