@@ -97,14 +97,14 @@ booted() {
 wait_until 120 "booted container" booted || exit 1
 echo "   ok: container init $LEADER, system $(inside systemctl is-system-running || true)"
 
-step "install the controller and point qeld at it (drop-in), then install qeld"
+step "install the controller, point qeld at it (drop-in), install qeld with apt-get"
 # A build machine may forbid services to start from maintainer scripts
 # (policy-rc.d exiting 101, as container images have it); this container is
 # a real system, where packages start their services. The overlay keeps the
 # host's file.
 inside rm -f /usr/sbin/policy-rc.d
 tar -C "$dist" -cf - "${debs[@]##*/}" | inside sh -c 'mkdir -p /root/debs && tar -C /root/debs -xf -'
-inside sh -c 'dpkg -i /root/debs/libqelbase1_*.deb /root/debs/qel-bmcsim_*.deb' >"$T/dpkg-sim.log"
+inside sh -c 'dpkg -i /root/debs/qel-bmcsim_*.deb' >"$T/dpkg-sim.log"
 inside systemd-run --quiet --unit=qel-bmcsim --service-type=exec \
   /usr/bin/qel-bmcsim --socket /run/qel-bmcsim.sock --wall-clock --config /usr/share/qelbase/descriptions/default.conf
 sim_serves() { inside test -S /run/qel-bmcsim.sock; }
@@ -119,6 +119,11 @@ CONF
 # As an administrator installs it (qeld needs nothing beyond the C library).
 inside sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y /root/debs/qeld_*.deb' \
   >"$T/apt-qeld.log" 2>&1 || { fail "apt-get install ./qeld_*.deb: $(cat "$T/apt-qeld.log")"; exit 1; }
+
+# Neither the controller nor the agent needs the shared library: they carry
+# its objects themselves.
+expect_eq "libqelbase1 installed with qeld and qel-bmcsim" \
+  "$(inside dpkg-query -W -f='${Status}' libqelbase1 2>/dev/null || echo not-installed)" not-installed
 
 # ---------------------------------------------------------------- running
 step "the service runs: active after READY=1, watchdog armed and reset"
@@ -186,7 +191,7 @@ inside systemctl start qeld.service
 wait_until 30 "watchdog armed again" timer_running
 
 step "programs built against the installed libqelbase-dev"
-inside sh -c 'dpkg -i /root/debs/libqelbase-dev_*.deb' >"$T/dpkg-dev.log"
+inside sh -c 'dpkg -i /root/debs/libqelbase1_*.deb /root/debs/libqelbase-dev_*.deb' >"$T/dpkg-dev.log"
 inside sh -c 'mkdir -p /root/consumer && man -P cat libqelbase 2>/dev/null >/dev/null; true'
 # The manual page's example, as the page shows it.
 inside sh -c "zcat /usr/share/man/man3/libqelbase.3.gz | sed -n '/^\\.SH EXAMPLE/,/^\\.SH/p' | sed -n '/^\\.nf/,/^\\.fi/p' | sed '1d;\$d' | sed 's/\\\\en/\\\\n/g' >/root/consumer/app.cpp"
