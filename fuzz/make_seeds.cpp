@@ -42,6 +42,20 @@ Bytes pniSeed(const Bytes& image, const Bytes& tail = {}) {
     return out;
 }
 
+// A record of one NIC whose area is full: fifteen addresses of each kind.
+Bytes fullNicAreaImage() {
+    qelSim::PniFunctionSpec nic = qelSim::PniFunctionSpec::nic({0x02, 0, 0, 0, 0x0a, 0x01});
+    for (unsigned char i = 1; i <= 15; ++i) {
+        nic.ipv4.push_back({10, 0, 0, i});
+        qelSim::Ipv6Bytes v6{0x20, 0x01, 0x0d, 0xb8};
+        v6[15] = i;
+        nic.ipv6.push_back(v6);
+    }
+    qelSim::PniAdapterSpec adapter;
+    adapter.ports.push_back(qelSim::PniPortSpec{{nic}, 4});
+    return qelSim::PniImageBuilder().version(12).adapter(adapter).build().bytes;
+}
+
 void pniSeeds(const fs::path& dir) {
     using qelSim::PniImageBuilder;
     for (unsigned char version : {10, 11, 12}) {
@@ -56,17 +70,7 @@ void pniSeeds(const fs::path& dir) {
     write(dir, "no-info-areas", pniSeed(PniImageBuilder::typical(12).infoAreas(false).build().bytes));
     write(dir, "announces-more-adapters", pniSeed(PniImageBuilder::typical(11).announcedAdapters(5).build().bytes));
 
-    // One NIC whose area is full: fifteen addresses of each kind.
-    qelSim::PniFunctionSpec nic = qelSim::PniFunctionSpec::nic({0x02, 0, 0, 0, 0x0a, 0x01});
-    for (unsigned char i = 1; i <= 15; ++i) {
-        nic.ipv4.push_back({10, 0, 0, i});
-        qelSim::Ipv6Bytes v6{0x20, 0x01, 0x0d, 0xb8};
-        v6[15] = i;
-        nic.ipv6.push_back(v6);
-    }
-    qelSim::PniAdapterSpec adapter;
-    adapter.ports.push_back(qelSim::PniPortSpec{{nic}, 4});
-    write(dir, "full-nic-area", pniSeed(PniImageBuilder().version(12).adapter(adapter).build().bytes));
+    write(dir, "full-nic-area", pniSeed(fullNicAreaImage()));
     // A FRU with little room behind the record, so growing runs out of it.
     try {
         write(dir, "small-fru", pniSeed(PniImageBuilder::typical(12).fruSize(700).build().bytes));
@@ -95,16 +99,7 @@ void qelctlSeeds(const fs::path& dir) {
     std::vector<std::pair<std::string, Bytes>> images;
     for (unsigned char version : {10, 11, 12})
         images.emplace_back("v" + std::to_string(version), PniImageBuilder::typical(version).build().bytes);
-    qelSim::PniFunctionSpec nic = qelSim::PniFunctionSpec::nic({0x02, 0, 0, 0, 0x0a, 0x01});
-    for (unsigned char i = 1; i <= 15; ++i) {
-        nic.ipv4.push_back({10, 0, 0, i});
-        qelSim::Ipv6Bytes v6{0x20, 0x01, 0x0d, 0xb8};
-        v6[15] = i;
-        nic.ipv6.push_back(v6);
-    }
-    qelSim::PniAdapterSpec adapter;
-    adapter.ports.push_back(qelSim::PniPortSpec{{nic}, 4});
-    images.emplace_back("full-nic-area", PniImageBuilder().version(12).adapter(adapter).build().bytes);
+    images.emplace_back("full-nic-area", fullNicAreaImage());
     for (const auto& [name, image] : images)
         for (unsigned char command : {0, 1})
             for (unsigned char output : {0, static_cast<int>(json)}) {
