@@ -83,11 +83,10 @@ void keepWatchdog(QelServerInfo& agent) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-    static qelFuzz::FuzzPlatform platform;
-    platform.reset();
-    qelFuzz::ScopedPlatform installed(&platform);
-    const unsigned char which = size > 0 ? data[0] : 0;
-    FuzzedDataProvider in(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0);
+    qelFuzz::SelectedInput input(data, size);
+    qelFuzz::FuzzPlatform& platform = input.platform;
+    const unsigned char which = input.selector;
+    FuzzedDataProvider& in = input.rest;
 
     qelFuzz::FuzzController controller(in, 192);
     controller.describeBlade();

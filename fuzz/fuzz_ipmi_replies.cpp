@@ -145,11 +145,9 @@ void blade(FuzzedDataProvider& in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-    static qelFuzz::FuzzPlatform platform;
-    platform.reset();
-    qelFuzz::ScopedPlatform installed(&platform);
-    const unsigned char component = size > 0 ? data[0] : 0;
-    FuzzedDataProvider in(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0);
+    qelFuzz::SelectedInput input(data, size);
+    const unsigned char component = input.selector;
+    FuzzedDataProvider& in = input.rest;
     FuzzController controller(in, 96);
     controller.describeBlade();
     switch (component % 6) {

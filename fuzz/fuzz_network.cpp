@@ -72,14 +72,10 @@ void completeInventory(FuzzedDataProvider& in, qelFuzz::FuzzPlatform& platform) 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-    static qelFuzz::FuzzPlatform platform;
-    platform.reset();
-    qelFuzz::ScopedPlatform installed(&platform);
-    const unsigned char which = size > 0 ? data[0] : 0;
-    FuzzedDataProvider in(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0);
-    if (which & 1)
-        completeInventory(in, platform);
+    qelFuzz::SelectedInput input(data, size);
+    if (input.selector & 1)
+        completeInventory(input.rest, input.platform);
     else
-        legacyInventory(in, platform);
+        legacyInventory(input.rest, input.platform);
     return 0;
 }

@@ -92,9 +92,7 @@ void publish(FuzzedDataProvider& in, PniAccess& pni) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-    static qelFuzz::FuzzPlatform platform;
-    platform.reset();
-    qelFuzz::ScopedPlatform installed(&platform);
+    qelFuzz::PlatformScope platformScope;
 
     size_t imageLength = size >= 2 ? static_cast<size_t>(data[0] | (data[1] << 8)) : 0;
     const size_t header = size >= 2 ? 2 : size;

@@ -91,9 +91,7 @@ struct Commands {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     static Commands commands;
-    static qelFuzz::FuzzPlatform platform;
-    platform.reset();
-    qelFuzz::ScopedPlatform installed(&platform);
+    qelFuzz::PlatformScope platformScope;
 
     const unsigned char selector = size > 0 ? data[0] : 0;
     size_t at = size > 0 ? 1 : 0;

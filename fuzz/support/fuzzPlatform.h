@@ -24,7 +24,10 @@
 #include <fstream>
 #include <string>
 
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include "qelPlatform.h"
+#include "scopedPlatform.h"
 
 namespace qelFuzz {
 
@@ -119,17 +122,33 @@ private:
     mutable size_t logged_ = 0;
 };
 
-// Installs a platform for one scope and restores the previous one.
-class ScopedPlatform {
+using ScopedPlatform = platformTest::ScopedPlatform;
+
+// What a target does first with each input: the process's one platform (one,
+// so its fixed paths are made once) back to its first clock reading, and
+// installed until the input is done.
+class PlatformScope {
 public:
-    explicit ScopedPlatform(qelPlatform::Platform* platform)
-        : previous_(qelPlatform::setPlatform(platform)) {}
-    ~ScopedPlatform() { qelPlatform::setPlatform(previous_); }
-    ScopedPlatform(const ScopedPlatform&) = delete;
-    ScopedPlatform& operator=(const ScopedPlatform&) = delete;
+    PlatformScope() : platform(fresh()), installed_(&platform) {}
+    FuzzPlatform& platform;
 
 private:
-    qelPlatform::Platform* previous_;
+    static FuzzPlatform& fresh() {
+        static FuzzPlatform shared;
+        shared.reset();
+        return shared;
+    }
+    ScopedPlatform installed_;
+};
+
+// The same, for a target whose input's first byte picks what runs
+// (`selector`) and whose other bytes drive it (`rest`).
+class SelectedInput : public PlatformScope {
+public:
+    SelectedInput(const unsigned char* data, size_t size)
+        : selector(size > 0 ? data[0] : 0), rest(size > 0 ? data + 1 : data, size > 0 ? size - 1 : 0) {}
+    const unsigned char selector;
+    FuzzedDataProvider rest;
 };
 
 }  // namespace qelFuzz

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "qelPlatform.h"
+#include "scopedPlatform.h"
 
 namespace smbiosTest {
 
@@ -215,18 +216,7 @@ public:
     }
 };
 
-// Installs a platform for one scope and restores the previous one.
-class ScopedPlatform {
-public:
-    explicit ScopedPlatform(qelPlatform::Platform* platform)
-        : previous_(qelPlatform::setPlatform(platform)) {}
-    ~ScopedPlatform() { qelPlatform::setPlatform(previous_); }
-    ScopedPlatform(const ScopedPlatform&) = delete;
-    ScopedPlatform& operator=(const ScopedPlatform&) = delete;
-
-private:
-    qelPlatform::Platform* previous_;
-};
+using ScopedPlatform = platformTest::ScopedPlatform;
 
 }  // namespace smbiosTest
 
