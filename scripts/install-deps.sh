@@ -19,7 +19,7 @@ packages=(
   freeipmi-tools                     # ipmi-fru: a second FRU decoder, one that checks the area checksums
   clang libclang-rt-14-dev           # the fuzz tree: clang, and libFuzzer with the sanitizer runtimes
   debhelper dpkg-dev lintian         # the Debian packages (scripts/package.sh) and their checks
-  systemd-container                  # systemd-nspawn: the packages under a real systemd
+  systemd systemd-container          # systemd-analyze; systemd-nspawn: the packages under a real systemd
   man-db binutils                    # manual pages rendered with warnings; objdump for SONAMEs
 )
 

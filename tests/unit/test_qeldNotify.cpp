@@ -1,6 +1,6 @@
 // qeld's service-manager notifications: the datagrams a listening socket
 // receives, for a socket path and an abstract name, and what happens without
-// a listener.
+// a listener; and the status lines the agent sends, in each state it reports.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -115,6 +115,62 @@ TEST_F(NotifyTest, NoListenerIsAFailedSendNotACrash) {
 TEST(NotifyStatus, AStatusIsOneLine) {
     EXPECT_EQ(ServiceNotifier::statusLine("failing: PNI\naddresses\r"), "failing: PNI addresses ");
     EXPECT_EQ(ServiceNotifier::statusLine("watchdog 300 s"), "watchdog 300 s");
+}
+
+}  // namespace
+
+namespace {
+
+QelHostAgent::Status keptByQeld() {
+    QelHostAgent::Status status;
+    status.watchdogKeeper = "qeld";
+    status.watchdogSeconds = 300;
+    status.publications = 4;
+    status.nicsPublished = 3;
+    return status;
+}
+
+TEST(AgentStatusLine, TimerResetAndNics) {
+    EXPECT_EQ(qeld::agentStatusLine(keptByQeld(), 12), "watchdog 300 s, reset 12 s ago; 3 NICs published");
+}
+
+TEST(AgentStatusLine, BeforeTheFirstResetAndPublication) {
+    QelHostAgent::Status status = keptByQeld();
+    status.publications = 0;
+    EXPECT_EQ(qeld::agentStatusLine(status, -1), "watchdog 300 s, not reset yet; addresses not published yet");
+}
+
+TEST(AgentStatusLine, OneNicIsOneNic) {
+    QelHostAgent::Status status = keptByQeld();
+    status.nicsPublished = 1;
+    EXPECT_EQ(qeld::agentStatusLine(status, 0), "watchdog 300 s, reset 0 s ago; 1 NIC published");
+}
+
+TEST(AgentStatusLine, TheKernelsDriverKeepsTheTimer) {
+    QelHostAgent::Status status = keptByQeld();
+    status.watchdogKeeper = "the kernel's IPMI watchdog driver (ipmi_watchdog module)";
+    status.watchdogSeconds = 0;
+    EXPECT_EQ(qeld::agentStatusLine(status, -1),
+              "watchdog kept by the kernel's IPMI watchdog driver (ipmi_watchdog module); 3 NICs published");
+}
+
+TEST(AgentStatusLine, ATimerTheConfigurationDisablesIsOff) {
+    QelHostAgent::Status status = keptByQeld();
+    status.watchdogSeconds = 0;
+    EXPECT_EQ(qeld::agentStatusLine(status, 40),
+              "watchdog off (the controller's configuration disables it); 3 NICs published");
+}
+
+TEST(AgentStatusLine, FailingStepsAreNamedOnTheSameLine) {
+    QelHostAgent::Status status = keptByQeld();
+    status.failing = {{"PNI addresses", "3 PNI address writes\nfailed"}, {"network inventory", "netlink"}};
+    EXPECT_EQ(qeld::agentStatusLine(status, 5),
+              "watchdog 300 s, reset 5 s ago; 3 NICs published; failing: PNI addresses, network inventory");
+}
+
+TEST(LibraryLoopStatusLine, ResetAndPasses) {
+    EXPECT_EQ(qeld::libraryLoopStatusLine(7, 1), "library loop: watchdog reset 7 s ago; 1 pass");
+    EXPECT_EQ(qeld::libraryLoopStatusLine(-1, 3), "library loop: watchdog not reset yet; 3 passes");
 }
 
 }  // namespace

@@ -353,40 +353,6 @@ int runShutdown(bool systemShutdown, bool strict) {
     return exitOk;
 }
 
-// The service manager's one-line status: who keeps the watchdog and when it
-// was last reset (as the controller answered), what was published, what
-// fails.
-std::string serviceStatus(const qeld::QeldPlatform& platform, const QelHostAgent* host, unsigned long passes) {
-    const long long sinceReset = platform.secondsSinceWatchdogReset();
-    const std::string reset =
-        sinceReset < 0 ? "not reset yet" : "reset " + std::to_string(sinceReset) + " s ago";
-    if (host == nullptr)
-        return "library loop: watchdog " + reset + "; " + std::to_string(passes) + (passes == 1 ? " pass" : " passes");
-
-    const QelHostAgent::Status status = host->status();
-    std::string text;
-    if (status.watchdogKeeper != "qeld")
-        text = "watchdog kept by " + status.watchdogKeeper;
-    else if (status.watchdogSeconds == 0)
-        text = "watchdog off (the controller's configuration disables it)";
-    else
-        text = "watchdog " + std::to_string(status.watchdogSeconds) + " s, " + reset;
-    if (status.publications == 0)
-        text += "; addresses not published yet";
-    else
-        text += "; " + std::to_string(status.nicsPublished) + (status.nicsPublished == 1 ? " NIC" : " NICs") +
-                " published";
-    if (!status.failing.empty()) {
-        text += "; failing:";
-        const char* separator = " ";
-        for (const auto& step : status.failing) {
-            text += separator + step.first;
-            separator = ", ";
-        }
-    }
-    return qeld::ServiceNotifier::statusLine(text);
-}
-
 int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& notifier, bool strict) {
     // Blocked before the worker exists, so it inherits the mask and every one
     // of these reaches the main thread's sigwait: the termination signals,
@@ -408,7 +374,12 @@ int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& not
     QelHostAgent* host = nullptr;
     unsigned long passes = 0;
     auto passEnded = [&platform, &notifier, &host, &passes] {
-        const std::string status = "STATUS=" + serviceStatus(platform, host, ++passes) + "\n";
+        ++passes;
+        const long long sinceReset = platform.secondsSinceWatchdogReset();
+        const std::string status = "STATUS=" +
+                                   (host != nullptr ? qeld::agentStatusLine(host->status(), sinceReset)
+                                                    : qeld::libraryLoopStatusLine(sinceReset, passes)) +
+                                   "\n";
         notifier.notify(passes == 1 ? "READY=1\n" + status + "WATCHDOG=1\n" : "WATCHDOG=1\n" + status);
     };
     std::unique_ptr<QelServerInfo> agent;
@@ -437,7 +408,7 @@ int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& not
             break;
         }
         platform.log(LOG_INFO, "Termination signal received");
-        notifier.notify("STOPPING=1\nSTATUS=stopping: the watchdog is stopped and the OS reported shut down\n");
+        notifier.notify("STOPPING=1\nSTATUS=stopping: stopping the watchdog, reporting the OS shut down\n");
         break;
     }
     // The worker stops the watchdog and reports the agent as disconnected

@@ -61,4 +61,41 @@ std::string ServiceNotifier::statusLine(const std::string& text) {
     return line;
 }
 
+namespace {
+
+std::string resetText(long long secondsSinceReset) {
+    return secondsSinceReset < 0 ? "not reset yet" : "reset " + std::to_string(secondsSinceReset) + " s ago";
+}
+
+}  // namespace
+
+std::string agentStatusLine(const QelHostAgent::Status& status, long long secondsSinceReset) {
+    std::string text;
+    if (status.watchdogKeeper != "qeld")
+        text = "watchdog kept by " + status.watchdogKeeper;
+    else if (status.watchdogSeconds == 0)
+        text = "watchdog off (the controller's configuration disables it)";
+    else
+        text = "watchdog " + std::to_string(status.watchdogSeconds) + " s, " + resetText(secondsSinceReset);
+    if (status.publications == 0)
+        text += "; addresses not published yet";
+    else
+        text += "; " + std::to_string(status.nicsPublished) + (status.nicsPublished == 1 ? " NIC" : " NICs") +
+                " published";
+    if (!status.failing.empty()) {
+        text += "; failing:";
+        const char* separator = " ";
+        for (const auto& step : status.failing) {
+            text += separator + step.first;
+            separator = ", ";
+        }
+    }
+    return ServiceNotifier::statusLine(text);
+}
+
+std::string libraryLoopStatusLine(long long secondsSinceReset, unsigned long passes) {
+    return "library loop: watchdog " + resetText(secondsSinceReset) + "; " + std::to_string(passes) +
+           (passes == 1 ? " pass" : " passes");
+}
+
 }  // namespace qeld

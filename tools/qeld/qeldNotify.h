@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "qelHostAgent.h"
+
 namespace qeld {
 
 class ServiceNotifier {
@@ -39,6 +41,15 @@ public:
 private:
     std::string socketName_;
 };
+
+// The one-line STATUS= of the host agent: who keeps the watchdog and, when
+// qeld does, its time-out and the seconds since the controller last
+// accepted a reset (-1: not yet); how many of the controller's NICs got
+// addresses; the steps that fail. "watchdog 300 s, reset 12 s ago; 3 NICs
+// published".
+std::string agentStatusLine(const QelHostAgent::Status& status, long long secondsSinceReset);
+// The same for QelServerInfo's own loop (--strict), which tells less.
+std::string libraryLoopStatusLine(long long secondsSinceReset, unsigned long passes);
 
 }  // namespace qeld
 
