@@ -29,7 +29,7 @@ expect_true "a symbols file" grep -q '^libqelbase.so.1 libqelbase1 #MINVER#' "$T
 expect_eq "no header or development link" "$(files libqelbase1 | grep -cE '\.h$|libqelbase\.so ->')" 0
 
 step "libqelbase-dev: headers, the development link, pkg-config, CMake, libqelbase(3)"
-for h in "$src"/src/*.h; do has libqelbase-dev "/usr/include/qelbase/$(basename "$h")"; done
+for h in $(find "$src/src" -name "*.h"); do has libqelbase-dev "/usr/include/qelbase/$(basename "$h")"; done
 has libqelbase-dev "/usr/lib/x86_64-linux-gnu/libqelbase.so -> libqelbase.so.1"
 has libqelbase-dev /usr/lib/x86_64-linux-gnu/pkgconfig/qelbase.pc
 has libqelbase-dev /usr/lib/x86_64-linux-gnu/cmake/qelbase/qelbaseConfig.cmake
