@@ -131,7 +131,7 @@ QEL_EXPORT const char* firmwareProgressText(uint8_t code);
 // bidirectional overrides and isolates) become "\xNN", byte by byte. The
 // result is valid UTF-8 with no control character, and the original bytes
 // can be recovered from it.
-QEL_EXPORT std::string escapeText(std::string_view text);
+[[nodiscard]] QEL_EXPORT std::string escapeText(std::string_view text);
 
 // A record timestamp as the journal shows it: ISO 8601 UTC
 // ("2026-11-26T05:32:11Z"); "pre-init +123 s" for the seconds since the
@@ -161,7 +161,7 @@ constexpr const char* eventDir = "IPMI_SEL_EVENT_DIR";            // "assertion"
 constexpr const char* eventData = "IPMI_SEL_EVENT_DATA";          // "A0FF03": data 1, 2, 3
 constexpr const char* eventState = "IPMI_SEL_EVENT_STATE";        // the state text
 constexpr const char* manufacturerId = "IPMI_SEL_MANUFACTURER_ID";  // "0x001234"
-constexpr const char* oemData = "IPMI_SEL_OEM_DATA";              // hex, 6 or 13 bytes
+constexpr const char* oemData = "IPMI_SEL_OEM_DATA";  // hex: 6 or 13 bytes (also unknown types)
 constexpr const char* severity = "IPMI_SEL_SEVERITY";             // severityName
 constexpr const char* raw = "IPMI_SEL_RAW";                       // 32 hex digits
 constexpr const char* panicText = "IPMI_SEL_PANIC_TEXT";          // escaped; kernel panics only
@@ -193,7 +193,8 @@ QEL_EXPORT std::vector<JournalField> journalFields(const SelRecord& record,
                                                    const std::string& sensorName = {});
 
 // All three for one record.
-QEL_EXPORT DecodedEvent decode(const SelRecord& record, const std::string& sensorName = {});
+[[nodiscard]] QEL_EXPORT DecodedEvent decode(const SelRecord& record,
+                                            const std::string& sensorName = {});
 
 // The Linux kernel's panic records. On a panic the kernel's IPMI driver
 // sends a platform event (generator: software ID 0x20, system management
