@@ -197,8 +197,9 @@ QEL_EXPORT std::vector<JournalField> journalFields(const SelRecord& record,
                                             const std::string& sensorName = {});
 
 // The Linux kernel's panic records. On a panic the kernel's IPMI driver
-// sends a platform event (generator: software ID 0x20, system management
-// software; sensor type OS Critical Stop, sensor-specific offset 0x01
+// sends a platform event (generator ID 0x41: software ID 0x20, system
+// management software, in bits 7:1 with bit 0 set; kernels before 2.6.15 sent
+// 0x21, which is recognised too; sensor type OS Critical Stop, offset 0x01
 // "Run-time Critical Stop", event data 1 0xA1) whose sensor number and event
 // data 2 and 3 hold the first three characters of the panic message; with
 // panic string logging it then adds OEM records of type 0xF0 (no timestamp),
