@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -210,6 +213,17 @@ TEST(Conversion, ExtremeFactors) {
     EXPECT_DOUBLE_EQ(convertReading(big, 0x80).value(), 5.110065536e16);
     // x = 0, B = 1, K1 = -8, K2 = -8: 1e-8 * 1e-8 = 1e-16.
     EXPECT_DOUBLE_EQ(convertReading(factors(1, 1, -8, -8), 0x00).value(), 1e-16);
+}
+
+TEST(Conversion, NegativeExponentGivesTheDoubleNearestTheDecimal) {
+    // 48 * 10^-1 is 4.8 exactly as a decimal; multiplying by the double 0.1
+    // would give 4.800000000000001, which a metrics scrape or a JSON document
+    // (shortest round-trip text) would show. Compared exactly on purpose.
+    const ConversionFactors f = factors(1, 0, 0, -1);
+    EXPECT_EQ(convertReading(f, 48).value(), 4.8);
+    EXPECT_EQ(convertReading(f, 96).value(), 9.6);
+    // B 10^K1 with K1 = -1: 3 * 10^-1 = 0.3 (3 * 0.1 would be 0.30000000000000004).
+    EXPECT_EQ(convertReading(factors(0, 3, -1, 0), 0).value(), 0.3);
 }
 
 // ---------------------------------------------------------------- linearizations
@@ -654,6 +668,61 @@ TEST(Thresholds, Names) {
     EXPECT_EQ(thresholdName(Threshold::UpperNonCritical), "upper non-critical");
     EXPECT_EQ(thresholdName(Threshold::UpperCritical), "upper critical");
     EXPECT_EQ(thresholdName(Threshold::UpperNonRecoverable), "upper non-recoverable");
+}
+
+// ---------------------------------------------------------------- bad bytes
+
+// Every parser over every length from 0 to past its full size, each input in
+// a heap block of exactly that length (so a sanitizer build sees any read
+// past the end): too short is an error naming the length, long enough parses.
+TEST(BadBytes, EveryLengthIsEitherParsedOrRefusedWithoutReadingPastTheEnd) {
+    const Bytes full = {0x00, 0x11, 0xC0, 0x3F, 0x7F, 0x22, 0x33, 0x44, 0x55, 0x66};
+    for (std::size_t n = 0; n <= full.size(); ++n) {
+        SCOPED_TRACE(n);
+        const std::unique_ptr<unsigned char[]> block(new unsigned char[n == 0 ? 1 : n]);
+        std::copy(full.begin(), full.begin() + static_cast<std::ptrdiff_t>(n), block.get());
+        const Parsed<SensorReading> r = parseSensorReading(block.get(), n);
+        EXPECT_EQ(static_cast<bool>(r), n >= 3);
+        EXPECT_EQ(r.error.empty(), n >= 3);
+        if (r) {
+            EXPECT_EQ(r.value->thresholdStatus.has_value(), n >= 4);
+            EXPECT_EQ(r.value->discreteStates.has_value(), n >= 4);
+        }
+        const Parsed<SensorThresholds> t = parseSensorThresholds(block.get(), n);
+        EXPECT_EQ(static_cast<bool>(t), n >= 8);
+        EXPECT_EQ(t.error.empty(), n >= 8);
+        const Parsed<ReadingFactors> f = factorsFromReadingFactorsReply(ConversionFactors(), block.get(), n);
+        EXPECT_EQ(static_cast<bool>(f), n >= 8);
+        EXPECT_EQ(f.error.empty(), n >= 8);
+    }
+    for (std::size_t n = 0; n <= kRecord.size(); ++n) {
+        SCOPED_TRACE(n);
+        const std::unique_ptr<unsigned char[]> block(new unsigned char[n == 0 ? 1 : n]);
+        std::copy(kRecord.begin(), kRecord.begin() + static_cast<std::ptrdiff_t>(n), block.get());
+        const Parsed<ConversionFactors> p = factorsFromFullRecord(block.get(), n);
+        EXPECT_EQ(static_cast<bool>(p), n >= 30);
+    }
+}
+
+TEST(BadBytes, EveryRawByteOfEveryFormatAndLinearizationIsAFiniteValueOrNone) {
+    // The largest factors in both signs, so the linearizations meet their
+    // undefined points (0, negatives) and overflow.
+    for (int lin = 0; lin <= 0x7F; ++lin) {
+        for (int format = 0; format < 4; ++format) {
+            for (const int m : {-512, 0, 1, 511}) {
+                for (const int k : {-8, 0, 7}) {
+                    const ConversionFactors f =
+                        factors(m, -m, k, k, static_cast<AnalogFormat>(format), static_cast<uint8_t>(lin));
+                    for (int raw = 0; raw <= 0xFF; ++raw) {
+                        const std::optional<double> y = convertReading(f, static_cast<uint8_t>(raw));
+                        if (y) {
+                            ASSERT_TRUE(std::isfinite(*y)) << lin << " " << format << " " << m << " " << raw;
+                        }
+                    }
+                }
+            }
+        }
+    }
 }
 
 // ---------------------------------------------------------------- Prometheus
