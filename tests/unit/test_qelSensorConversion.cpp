@@ -644,9 +644,8 @@ TEST(ThresholdsReply, SignedThresholdsConvertWithTheSensorsFormat) {
     const Bytes reply = {0x00, 0x02, 0x00, 0xF6, 0x00, 0x00, 0x00, 0x00};
     const Parsed<SensorThresholds> p = parseSensorThresholds(reply.data(), reply.size());
     ASSERT_TRUE(p) << p.error;
-    EXPECT_DOUBLE_EQ(
-        convertThresholds(*p.value, factors(1, 0, 0, 0, AnalogFormat::TwosComplement))[Threshold::LowerCritical].value(),
-        -10.0);
+    const ThresholdValues v = convertThresholds(*p.value, factors(1, 0, 0, 0, AnalogFormat::TwosComplement));
+    EXPECT_DOUBLE_EQ(v[Threshold::LowerCritical].value(), -10.0);
 }
 
 TEST(ThresholdsReply, RefusedOrShortReplyIsAnError) {

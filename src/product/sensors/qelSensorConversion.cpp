@@ -344,9 +344,12 @@ Parsed<SensorReading> parseSensorReading(const unsigned char* reply, std::size_t
     r.scanningEnabled = (flags & sensorReading::scanningEnabled) != 0;
     r.readingUnavailable = (flags & sensorReading::readingUnavailable) != 0;
     if (size > sensorReading::status) {
-        r.thresholdStatus = reply[sensorReading::status] & sensorReading::statusMask;
+        r.thresholdStatus = reply[sensorReading::status] & thresholdBits;
         uint16_t states = reply[sensorReading::status];
-        if (size > sensorReading::moreStates) states |= static_cast<uint16_t>((reply[sensorReading::moreStates] & 0x7F) << 8);
+        if (size > sensorReading::moreStates) {
+            // Bit 7 of the second byte is reserved.
+            states |= static_cast<uint16_t>((reply[sensorReading::moreStates] & 0x7F) << 8);
+        }
         r.discreteStates = states;
     }
     result.value = r;
@@ -366,7 +369,7 @@ Parsed<SensorThresholds> parseSensorThresholds(const unsigned char* reply, std::
     Parsed<SensorThresholds> result;
     if (!replyUsable("Get Sensor Thresholds", reply, size, thresholdsReply::size, result)) return result;
     SensorThresholds t;
-    t.readableMask = reply[thresholdsReply::readableMask] & sensorReading::statusMask;
+    t.readableMask = reply[thresholdsReply::readableMask] & thresholdBits;
     for (std::size_t i = 0; i < thresholdCount; ++i) t.raw[i] = reply[thresholdsReply::first + i];
     result.value = t;
     return result;

@@ -58,6 +58,11 @@ constexpr std::size_t conversionEnd = 30;
 constexpr unsigned char typeFull = 0x01;
 }  // namespace fullRecord
 
+// The comparison status and the readable mask have one bit per threshold,
+// bit n for Threshold n; bits 7:6 are reserved (many controllers return them
+// set) and are cleared on reading.
+constexpr unsigned char thresholdBits = 0x3F;
+
 // Get Sensor Reading reply: completion code, raw reading, flags, then for
 // threshold sensors the comparison status, for discrete sensors the state
 // bits 7:0 and (optionally) 14:8. Controllers leave out the bytes after the
@@ -72,9 +77,6 @@ constexpr std::size_t minimumSize = 3;
 constexpr unsigned char eventMessagesEnabled = 0x80;
 constexpr unsigned char scanningEnabled = 0x40;
 constexpr unsigned char readingUnavailable = 0x20;
-// Bits 7:6 of the comparison status are reserved (many controllers return
-// them set); bits 5:0 are one per threshold, in the order of Threshold.
-constexpr unsigned char statusMask = 0x3F;
 }  // namespace sensorReading
 
 // Get Sensor Reading Factors request: sensor number, raw reading. Reply:
@@ -147,7 +149,7 @@ constexpr uint8_t nonLinearOemLast = 0x7F;
 }  // namespace linearization
 
 // The conversion fields of a full sensor record, as the record holds them
-// (signed fields sign-extended).
+// (signed fields sign-extended). A default-made one reads x as x (M = 1).
 struct QEL_EXPORT ConversionFactors {
     AnalogFormat format = AnalogFormat::Unsigned;
     RateUnit rate = RateUnit::None;
