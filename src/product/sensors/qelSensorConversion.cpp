@@ -122,16 +122,16 @@ int signExtend(unsigned int value, unsigned int bits) {
     return static_cast<int>(value ^ sign) - static_cast<int>(sign);
 }
 
-// The six factor bytes, laid out alike in the record (bytes 24-29) and in
-// Get Sensor Reading Factors (reply bytes 2-7).
+// factorBytes at p.
 void takeFactors(const unsigned char* p, ConversionFactors& f) {
-    f.m = static_cast<int16_t>(signExtend(p[0] | ((p[1] & 0xC0u) << 2), 10));
-    f.tolerance = p[1] & 0x3F;
-    f.b = static_cast<int16_t>(signExtend(p[2] | ((p[3] & 0xC0u) << 2), 10));
-    f.accuracy = static_cast<uint16_t>((p[3] & 0x3Fu) | ((p[4] & 0xF0u) << 2));
-    f.accuracyExponent = (p[4] >> 2) & 0x03;
-    f.k2 = static_cast<int8_t>(signExtend(p[5] >> 4, 4));
-    f.k1 = static_cast<int8_t>(signExtend(p[5] & 0x0Fu, 4));
+    using namespace factorBytes;
+    f.m = static_cast<int16_t>(signExtend(p[mLow] | ((p[mHighTolerance] & 0xC0u) << 2), 10));
+    f.tolerance = p[mHighTolerance] & 0x3F;
+    f.b = static_cast<int16_t>(signExtend(p[bLow] | ((p[bHighAccuracy] & 0xC0u) << 2), 10));
+    f.accuracy = static_cast<uint16_t>((p[bHighAccuracy] & 0x3Fu) | ((p[accuracyHighExp] & 0xF0u) << 2));
+    f.accuracyExponent = (p[accuracyHighExp] >> 2) & 0x03;
+    f.k2 = static_cast<int8_t>(signExtend(p[exponents] >> 4, 4));
+    f.k1 = static_cast<int8_t>(signExtend(p[exponents] & 0x0Fu, 4));
 }
 
 // Exact powers of ten for |exponent| <= 8 (a 4-bit exponent's range).
@@ -233,7 +233,7 @@ Parsed<ConversionFactors> factorsFromFullRecord(const unsigned char* record, std
     f.baseUnit = record[fullRecord::baseUnit];
     f.modifierUnit = record[fullRecord::modifierUnit];
     f.linearization = record[fullRecord::linearization] & 0x7F;
-    takeFactors(record + fullRecord::mLow, f);
+    takeFactors(record + fullRecord::factors, f);
     Parsed<ConversionFactors> result;
     result.value = f;
     return result;

@@ -38,6 +38,19 @@ constexpr unsigned char getSensorThresholds = 0x27;
 constexpr unsigned char getSensorReading = 0x2D;
 }  // namespace cmd
 
+// The six bytes of M, B, their exponents, tolerance and accuracy, laid out
+// alike in a full sensor record and in Get Sensor Reading Factors.
+namespace factorBytes {
+constexpr std::size_t mLow = 0;             // M bits 7:0
+constexpr std::size_t mHighTolerance = 1;   // [7:6] M bits 9:8, [5:0] tolerance
+constexpr std::size_t bLow = 2;             // B bits 7:0
+constexpr std::size_t bHighAccuracy = 3;    // [7:6] B bits 9:8, [5:0] accuracy bits 5:0
+constexpr std::size_t accuracyHighExp = 4;  // [7:4] accuracy bits 9:6, [3:2] accuracy exponent,
+                                            // [1:0] sensor direction in a record, reserved in the reply
+constexpr std::size_t exponents = 5;        // [7:4] K2 (result exponent), [3:0] K1 (B exponent)
+constexpr std::size_t size = 6;
+}  // namespace factorBytes
+
 // Where the conversion fields sit in a full sensor record (record type 0x01),
 // counted from the record's first byte, the 5-byte header included.
 namespace fullRecord {
@@ -46,15 +59,10 @@ constexpr std::size_t sensorType = 12;
 constexpr std::size_t units1 = 20;          // [7:6] analog format, [5:3] rate, [2:1] modifier kind, [0] percentage
 constexpr std::size_t baseUnit = 21;
 constexpr std::size_t modifierUnit = 22;
-constexpr std::size_t linearization = 23;   // [6:0]
-constexpr std::size_t mLow = 24;            // M bits 7:0
-constexpr std::size_t mHighTolerance = 25;  // [7:6] M bits 9:8, [5:0] tolerance
-constexpr std::size_t bLow = 26;            // B bits 7:0
-constexpr std::size_t bHighAccuracy = 27;   // [7:6] B bits 9:8, [5:0] accuracy bits 5:0
-constexpr std::size_t accuracyHighExp = 28; // [7:4] accuracy bits 9:6, [3:2] accuracy exponent, [1:0] direction
-constexpr std::size_t exponents = 29;       // [7:4] K2 (result exponent), [3:0] K1 (B exponent)
+constexpr std::size_t linearization = 23;   // [6:0]; bit 7 reserved
+constexpr std::size_t factors = 24;         // factorBytes, to byte 29
 // A record must reach this far for its conversion fields to be read.
-constexpr std::size_t conversionEnd = 30;
+constexpr std::size_t conversionEnd = factors + factorBytes::size;
 constexpr unsigned char typeFull = 0x01;
 }  // namespace fullRecord
 
@@ -80,12 +88,11 @@ constexpr unsigned char readingUnavailable = 0x20;
 }  // namespace sensorReading
 
 // Get Sensor Reading Factors request: sensor number, raw reading. Reply:
-// completion code, the next raw reading whose factors differ, then the six
-// factor bytes laid out as record bytes 24-29 (the direction bits reserved).
+// completion code, the next raw reading whose factors differ, factorBytes.
 namespace readingFactors {
 constexpr std::size_t nextReading = 1;
 constexpr std::size_t factors = 2;
-constexpr std::size_t size = 8;
+constexpr std::size_t size = factors + factorBytes::size;
 }  // namespace readingFactors
 
 // Get Sensor Thresholds reply: completion code, readable mask (bit per
