@@ -194,8 +194,8 @@ TEST(SelText, EveryStandardStateDecodesInBothDirections) {
                                      (r.deassertion ? ", deasserted" : ", asserted");
         EXPECT_EQ(qelSel::eventText(r), expected);
         const auto fields = fieldMap(qelSel::journalFields(r));
-        EXPECT_EQ(fields.at("IPMI_SEL_EVENT_STATE"), state);
-        EXPECT_EQ(fields.at("IPMI_SEL_EVENT_DIR"), r.deassertion ? "deassertion" : "assertion");
+        EXPECT_EQ(fields.at("QEL_SEL_EVENT_STATE"), state);
+        EXPECT_EQ(fields.at("QEL_SEL_EVENT_DIRECTION"), r.deassertion ? "deassertion" : "assertion");
         seen.insert({r.eventType == 0x6F ? r.sensorType : 0x100 + r.eventType, offset});
     }
     EXPECT_EQ(seen.size(), corpus.size() / 2);
@@ -252,8 +252,8 @@ TEST(SelText, ASensorNameFromTheRepositoryReplacesNothingButAddsItself) {
     EXPECT_EQ(textOf(memory(0x01), "DIMM_A1"),
               "Memory DIMM_A1 (#0x12): Uncorrectable ECC / other uncorrectable memory error, asserted");
     const auto fields = fieldMap(qelSel::journalFields(recordOf(memory(0x01)), "DIMM_A1"));
-    EXPECT_EQ(fields.at("IPMI_SEL_SENSOR_NAME"), "DIMM_A1");
-    EXPECT_EQ(fieldMap(qelSel::journalFields(recordOf(memory(0x01)))).count("IPMI_SEL_SENSOR_NAME"), 0u);
+    EXPECT_EQ(fields.at("QEL_SEL_SENSOR_NAME"), "DIMM_A1");
+    EXPECT_EQ(fieldMap(qelSel::journalFields(recordOf(memory(0x01)))).count("QEL_SEL_SENSOR_NAME"), 0u);
 }
 
 TEST(SelText, OemAndReservedCodesShowTheirNumbers) {
@@ -497,20 +497,20 @@ TEST(SelFields, ASystemEventGivesEveryFactInAFixedOrder) {
     e.generatorId = 0x0041;
     const std::vector<JournalField> fields = qelSel::journalFields(recordOf(e), "DIMM\nA1");
     const std::vector<std::pair<std::string, std::string>> expected = {
-        {"IPMI_SEL_RECORD_ID", "0x0102"},
-        {"IPMI_SEL_RECORD_TYPE", "0x02"},
-        {"IPMI_SEL_TIMESTAMP", "2021-01-14T08:25:36Z"},
-        {"IPMI_SEL_GENERATOR_ID", "0x0041"},
-        {"IPMI_SEL_SENSOR_TYPE", "Memory"},
-        {"IPMI_SEL_SENSOR_TYPE_CODE", "0x0C"},
-        {"IPMI_SEL_SENSOR_NUMBER", "0x12"},
-        {"IPMI_SEL_SENSOR_NAME", "DIMM\\x0AA1"},
-        {"IPMI_SEL_EVENT_TYPE", "0x6F"},
-        {"IPMI_SEL_EVENT_DIR", "assertion"},
-        {"IPMI_SEL_EVENT_DATA", "30FF03"},
-        {"IPMI_SEL_EVENT_STATE", "Correctable ECC / other correctable memory error"},
-        {"IPMI_SEL_SEVERITY", "warning"},
-        {"IPMI_SEL_RAW", "020102000000604100040C126F30FF03"},
+        {"QEL_SEL_RECORD_ID", "0x0102"},
+        {"QEL_SEL_RECORD_TYPE", "0x02"},
+        {"QEL_SEL_TIMESTAMP", "2021-01-14T08:25:36Z"},
+        {"QEL_SEL_GENERATOR_ID", "0x0041"},
+        {"QEL_SEL_SENSOR_TYPE", "Memory"},
+        {"QEL_SEL_SENSOR_TYPE_CODE", "0x0C"},
+        {"QEL_SEL_SENSOR_NUMBER", "0x12"},
+        {"QEL_SEL_SENSOR_NAME", "DIMM\\x0AA1"},
+        {"QEL_SEL_EVENT_TYPE_CODE", "0x6F"},
+        {"QEL_SEL_EVENT_DIRECTION", "assertion"},
+        {"QEL_SEL_EVENT_DATA", "30FF03"},
+        {"QEL_SEL_EVENT_STATE", "Correctable ECC / other correctable memory error"},
+        {"QEL_SEL_SEVERITY", "warning"},
+        {"QEL_SEL_RAW", "020102000000604100040C126F30FF03"},
     };
     std::vector<std::pair<std::string, std::string>> actual;
     for (const JournalField& f : fields) actual.emplace_back(f.name, f.value);
@@ -527,11 +527,11 @@ TEST(SelFields, DeassertionAndPreInitTimestampInFields) {
     Event e = threshold(0x09, true);
     e.timestamp = 42;
     const auto fields = fieldMap(qelSel::journalFields(recordOf(e)));
-    EXPECT_EQ(fields.at("IPMI_SEL_TIMESTAMP"), "pre-init +42 s");
-    EXPECT_EQ(fields.at("IPMI_SEL_EVENT_DIR"), "deassertion");
-    EXPECT_EQ(fields.at("IPMI_SEL_EVENT_TYPE"), "0x01");
-    EXPECT_EQ(fields.at("IPMI_SEL_EVENT_DATA"), "595950");
-    EXPECT_EQ(fields.at("IPMI_SEL_SEVERITY"), "info");
+    EXPECT_EQ(fields.at("QEL_SEL_TIMESTAMP"), "pre-init +42 s");
+    EXPECT_EQ(fields.at("QEL_SEL_EVENT_DIRECTION"), "deassertion");
+    EXPECT_EQ(fields.at("QEL_SEL_EVENT_TYPE_CODE"), "0x01");
+    EXPECT_EQ(fields.at("QEL_SEL_EVENT_DATA"), "595950");
+    EXPECT_EQ(fields.at("QEL_SEL_SEVERITY"), "info");
 }
 
 // ------------------------------------------------ OEM and unknown records
@@ -545,13 +545,13 @@ TEST(SelText, OemRecordsAreKeptAsTheirBytes) {
     std::vector<std::pair<std::string, std::string>> actual;
     for (const JournalField& f : qelSel::journalFields(timestamped)) actual.emplace_back(f.name, f.value);
     const std::vector<std::pair<std::string, std::string>> expected = {
-        {"IPMI_SEL_RECORD_ID", "0x0007"},
-        {"IPMI_SEL_RECORD_TYPE", "0xC1"},
-        {"IPMI_SEL_TIMESTAMP", "2021-01-14T08:25:36Z"},
-        {"IPMI_SEL_MANUFACTURER_ID", "0x001234"},
-        {"IPMI_SEL_OEM_DATA", "010203040506"},
-        {"IPMI_SEL_SEVERITY", "info"},
-        {"IPMI_SEL_RAW", "0700C100000060341200010203040506"},
+        {"QEL_SEL_RECORD_ID", "0x0007"},
+        {"QEL_SEL_RECORD_TYPE", "0xC1"},
+        {"QEL_SEL_TIMESTAMP", "2021-01-14T08:25:36Z"},
+        {"QEL_SEL_MANUFACTURER_ID", "0x001234"},
+        {"QEL_SEL_OEM_DATA", "010203040506"},
+        {"QEL_SEL_SEVERITY", "info"},
+        {"QEL_SEL_RAW", "0700C100000060341200010203040506"},
     };
     EXPECT_EQ(actual, expected);
 
@@ -559,8 +559,8 @@ TEST(SelText, OemRecordsAreKeptAsTheirBytes) {
     EXPECT_EQ(qelSel::eventText(plain),
               "OEM record type 0xE0, data 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D");
     const auto fields = fieldMap(qelSel::journalFields(plain));
-    EXPECT_EQ(fields.count("IPMI_SEL_TIMESTAMP"), 0u);
-    EXPECT_EQ(fields.at("IPMI_SEL_OEM_DATA"), "0102030405060708090A0B0C0D");
+    EXPECT_EQ(fields.count("QEL_SEL_TIMESTAMP"), 0u);
+    EXPECT_EQ(fields.at("QEL_SEL_OEM_DATA"), "0102030405060708090A0B0C0D");
     EXPECT_EQ(qelSel::eventText(selTest::oemRecord(9, 0xFF, {})),
               "OEM record type 0xFF, data 00 00 00 00 00 00 00 00 00 00 00 00 00");
     EXPECT_EQ(qelSel::eventText(selTest::oemRecord(9, 0xDF, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF})),
@@ -577,8 +577,8 @@ TEST(SelText, UnknownRecordTypesAreKeptAsTheirBytesWithAWarning) {
                   "Unknown record type " + std::string(hexType) + ", data AA 01 02 03 04 05 06 07 08 09 0A 0B BB");
         EXPECT_EQ(qelSel::severityOf(r), Severity::Warning);
         const auto fields = fieldMap(qelSel::journalFields(r));
-        EXPECT_EQ(fields.count("IPMI_SEL_TIMESTAMP"), 0u);
-        EXPECT_EQ(fields.at("IPMI_SEL_OEM_DATA"), "AA0102030405060708090A0BBB");
+        EXPECT_EQ(fields.count("QEL_SEL_TIMESTAMP"), 0u);
+        EXPECT_EQ(fields.at("QEL_SEL_OEM_DATA"), "AA0102030405060708090A0BBB");
     }
 }
 
@@ -672,10 +672,10 @@ TEST(SelPanic, TheCriticalStopAndItsPiecesBecomeOneEvent) {
     EXPECT_EQ(events[1].severity, Severity::Critical);
     EXPECT_EQ(events[1].recordIds, (std::vector<uint16_t>{2, 3, 4, 5, 6}));
     const auto fields = fieldMap(events[1].fields);
-    EXPECT_EQ(fields.at("IPMI_SEL_PANIC_TEXT"), message);
-    EXPECT_EQ(fields.at("IPMI_SEL_RECORD_ID"), "0x0002");
-    EXPECT_EQ(fields.at("IPMI_SEL_EVENT_STATE"), "Run-time Critical Stop");
-    EXPECT_EQ(fields.at("IPMI_SEL_SEVERITY"), "critical");
+    EXPECT_EQ(fields.at("QEL_SEL_PANIC_TEXT"), message);
+    EXPECT_EQ(fields.at("QEL_SEL_RECORD_ID"), "0x0002");
+    EXPECT_EQ(fields.at("QEL_SEL_EVENT_STATE"), "Run-time Critical Stop");
+    EXPECT_EQ(fields.at("QEL_SEL_SEVERITY"), "critical");
     EXPECT_EQ(events[2].text, "System Boot Initiated #0x05: Initiated by power up, asserted");
     EXPECT_FALSE(assembler.holding());
 }

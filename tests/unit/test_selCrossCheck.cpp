@@ -368,14 +368,14 @@ TEST_F(SelCrossCheck, SystemEventFactsAreTheJournalFieldsInIpmitool) {
         std::map<std::string, std::string> ours;
         for (const qelSel::JournalField& f : qelSel::journalFields(r)) ours[f.name] = lower(f.value);
         const std::map<std::string, std::string>& t = theirs.at(r.recordId);
-        EXPECT_EQ(t.at("SEL Record ID"), ours.at("IPMI_SEL_RECORD_ID").substr(2));
-        EXPECT_EQ(t.at("Record Type"), ours.at("IPMI_SEL_RECORD_TYPE").substr(2));
-        EXPECT_EQ(t.at("Generator ID"), ours.at("IPMI_SEL_GENERATOR_ID").substr(2));
-        EXPECT_EQ(t.at("Sensor Number"), ours.at("IPMI_SEL_SENSOR_NUMBER").substr(2));
-        EXPECT_EQ(t.at("Event Direction"), ours.at("IPMI_SEL_EVENT_DIR") == "assertion"
+        EXPECT_EQ(t.at("SEL Record ID"), ours.at("QEL_SEL_RECORD_ID").substr(2));
+        EXPECT_EQ(t.at("Record Type"), ours.at("QEL_SEL_RECORD_TYPE").substr(2));
+        EXPECT_EQ(t.at("Generator ID"), ours.at("QEL_SEL_GENERATOR_ID").substr(2));
+        EXPECT_EQ(t.at("Sensor Number"), ours.at("QEL_SEL_SENSOR_NUMBER").substr(2));
+        EXPECT_EQ(t.at("Event Direction"), ours.at("QEL_SEL_EVENT_DIRECTION") == "assertion"
                                                ? "Assertion Event"
                                                : "Deassertion Event");
-        EXPECT_EQ(t.at("Event Data"), ours.at("IPMI_SEL_EVENT_DATA"));
+        EXPECT_EQ(t.at("Event Data"), ours.at("QEL_SEL_EVENT_DATA"));
     }
 }
 
@@ -397,14 +397,14 @@ TEST_F(SelCrossCheck, OemRecordsCarryTheSameBytesInIpmitool) {
             // id | date | time | "OEM record c1" | manufacturer (wire order) | data
             ASSERT_EQ(cols.size(), 6u);
             EXPECT_EQ(cols[3], "OEM record " + lower(hex2(r.recordType).substr(2)));
-            const std::string wire = fields.at("IPMI_SEL_MANUFACTURER_ID").substr(2);
+            const std::string wire = fields.at("QEL_SEL_MANUFACTURER_ID").substr(2);
             EXPECT_EQ(cols[4], lower(wire.substr(4, 2) + wire.substr(2, 2) + wire.substr(0, 2)));
-            EXPECT_EQ(cols[5], lower(fields.at("IPMI_SEL_OEM_DATA")));
+            EXPECT_EQ(cols[5], lower(fields.at("QEL_SEL_OEM_DATA")));
         } else {
             // id | "OEM record e1" | data
             ASSERT_EQ(cols.size(), 3u);
             EXPECT_EQ(cols[1], "OEM record " + lower(hex2(r.recordType).substr(2)));
-            EXPECT_EQ(cols[2], lower(fields.at("IPMI_SEL_OEM_DATA")));
+            EXPECT_EQ(cols[2], lower(fields.at("QEL_SEL_OEM_DATA")));
         }
     }
 }

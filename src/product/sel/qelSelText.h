@@ -148,23 +148,23 @@ struct JournalField {
 
 // Journal field names. Hex values are "0x" and upper-case digits.
 namespace field {
-constexpr const char* recordId = "IPMI_SEL_RECORD_ID";            // "0x0012"
-constexpr const char* recordType = "IPMI_SEL_RECORD_TYPE";        // "0x02"
-constexpr const char* timestamp = "IPMI_SEL_TIMESTAMP";           // timestampText
-constexpr const char* generatorId = "IPMI_SEL_GENERATOR_ID";      // "0x0041"
-constexpr const char* sensorType = "IPMI_SEL_SENSOR_TYPE";        // sensorTypeText
-constexpr const char* sensorTypeCode = "IPMI_SEL_SENSOR_TYPE_CODE";  // "0x0C"
-constexpr const char* sensorNumber = "IPMI_SEL_SENSOR_NUMBER";    // "0x12"
-constexpr const char* sensorName = "IPMI_SEL_SENSOR_NAME";        // escaped; only when known
-constexpr const char* eventType = "IPMI_SEL_EVENT_TYPE";          // "0x6F"
-constexpr const char* eventDir = "IPMI_SEL_EVENT_DIR";            // "assertion" or "deassertion"
-constexpr const char* eventData = "IPMI_SEL_EVENT_DATA";          // "A0FF03": data 1, 2, 3
-constexpr const char* eventState = "IPMI_SEL_EVENT_STATE";        // the state text
-constexpr const char* manufacturerId = "IPMI_SEL_MANUFACTURER_ID";  // "0x001234"
-constexpr const char* oemData = "IPMI_SEL_OEM_DATA";  // hex: 6 or 13 bytes (also unknown types)
-constexpr const char* severity = "IPMI_SEL_SEVERITY";             // severityName
-constexpr const char* raw = "IPMI_SEL_RAW";                       // 32 hex digits
-constexpr const char* panicText = "IPMI_SEL_PANIC_TEXT";          // escaped; kernel panics only
+constexpr const char* recordId = "QEL_SEL_RECORD_ID";            // "0x0012"
+constexpr const char* recordType = "QEL_SEL_RECORD_TYPE";        // "0x02"
+constexpr const char* timestamp = "QEL_SEL_TIMESTAMP";           // timestampText
+constexpr const char* generatorId = "QEL_SEL_GENERATOR_ID";      // "0x0041"
+constexpr const char* sensorType = "QEL_SEL_SENSOR_TYPE";        // sensorTypeText
+constexpr const char* sensorTypeCode = "QEL_SEL_SENSOR_TYPE_CODE";  // "0x0C"
+constexpr const char* sensorNumber = "QEL_SEL_SENSOR_NUMBER";    // "0x12"
+constexpr const char* sensorName = "QEL_SEL_SENSOR_NAME";        // escaped; only when known
+constexpr const char* eventType = "QEL_SEL_EVENT_TYPE_CODE";          // "0x6F"
+constexpr const char* eventDir = "QEL_SEL_EVENT_DIRECTION";            // "assertion" or "deassertion"
+constexpr const char* eventData = "QEL_SEL_EVENT_DATA";          // "A0FF03": data 1, 2, 3
+constexpr const char* eventState = "QEL_SEL_EVENT_STATE";        // the state text
+constexpr const char* manufacturerId = "QEL_SEL_MANUFACTURER_ID";  // "0x001234"
+constexpr const char* oemData = "QEL_SEL_OEM_DATA";  // hex: 6 or 13 bytes (also unknown types)
+constexpr const char* severity = "QEL_SEL_SEVERITY";             // severityName
+constexpr const char* raw = "QEL_SEL_RAW";                       // 32 hex digits
+constexpr const char* panicText = "QEL_SEL_PANIC_TEXT";          // escaped; kernel panics only
 }  // namespace field
 
 // One event as it goes to the journal.
