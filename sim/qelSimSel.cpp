@@ -6,6 +6,7 @@
 #include <linux/ipmi.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <ostream>
 #include <stdexcept>
 
@@ -193,7 +194,11 @@ void SimSel::addExact(const sel::RawRecord& record) {
     const std::uint16_t id = idOf(record);
     if (id == sel::firstRecordId || id == sel::lastRecordId)
         throw std::invalid_argument("record IDs 0000 and ffff are reserved");
-    if (find(id) >= 0) throw std::invalid_argument("the SEL holds record " + hexText(Bytes{record[1], record[0]}) + " already");
+    if (find(id) >= 0) {
+        char text[8];
+        std::snprintf(text, sizeof text, "%04x", id);
+        throw std::invalid_argument(std::string("the SEL holds record ") + text + " already");
+    }
     if (records_.size() >= capacity_) {
         overflow_ = true;
         if (mode_ == Mode::stopWhenFull) throw std::invalid_argument("the SEL is full");

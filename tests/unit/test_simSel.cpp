@@ -292,4 +292,12 @@ TEST_F(SimSelTest, DescriptionAndDumpRoundTrip) {
     EXPECT_THROW(bmc.applyDescriptionLine("sel-add 01 02"), std::invalid_argument);
 }
 
+TEST_F(SimSelTest, TheTrafficSummaryNamesTheSelCommands) {
+    Request r;
+    r.netFn = sel::netfn::storage;
+    r.cmd = sel::cmd::getSelEntry;
+    bmc.record(r);
+    EXPECT_THAT(bmc.dump(), testing::HasSubstr("sent 0a 43 x1  Get SEL Entry\n"));
+}
+
 }  // namespace

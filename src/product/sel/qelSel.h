@@ -16,7 +16,8 @@
 //
 // Waits (the polls of Clear SEL) go through the platform seam's sleep, so a
 // test drives them without waiting. requestsSent() counts every request, so
-// a caller can hold itself to a budget.
+// a caller can hold itself to a budget. An object is used by one thread at a
+// time (it keeps what it learned of the controller between calls).
 #ifndef QEL_SEL_H
 #define QEL_SEL_H
 
