@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "fuzzController.h"
+#include "fuzzNetwork.h"  // the platform's network calls (none used here)
 #include "fuzzPlatform.h"
 #include "qelSel.h"
 #include "qelSimSel.h"

@@ -76,7 +76,7 @@ void SimSel::setCapacity(unsigned int records) {
         throw std::invalid_argument("the SEL holds 1 to " + std::to_string(maxCapacity) + " records");
     Lock lock(bmc_.mutex());
     capacity_ = records;
-    while (records_.size() > capacity_) records_.pop_front();
+    while (records_.size() > capacity_) dropOldest();
 }
 
 unsigned int SimSel::capacity() const {
@@ -153,18 +153,37 @@ std::uint16_t SimSel::takeId() {
     // IDs 0x0000 and 0xFFFF mean "first" and "last" in Get SEL Entry and are
     // never given to a record; neither is an ID still in the log (a wrapped
     // counter on a log with non-consecutive IDs).
-    for (unsigned int tries = 0; tries <= 0x10000; ++tries) {
+    auto free = [this](std::uint16_t id) {
+        return id != sel::firstRecordId && id != sel::lastRecordId && ids_.count(id) == 0;
+    };
+    // A step that shares a factor with 65536 runs through fewer IDs than
+    // the log may hold; once that cycle is used up, the next free ID above it.
+    const std::uint16_t start = nextId_;
+    do {
         const std::uint16_t id = nextId_;
         nextId_ = static_cast<std::uint16_t>(nextId_ + idStep_);
-        if (id == sel::firstRecordId || id == sel::lastRecordId) continue;
-        const bool used = std::any_of(records_.begin(), records_.end(),
-                                      [id](const sel::RawRecord& r) { return idOf(r) == id; });
-        if (!used) return id;
+        if (free(id)) return id;
+    } while (nextId_ != start);
+    for (std::uint16_t id = static_cast<std::uint16_t>(start + 1); id != start; ++id) {
+        if (free(id)) {
+            nextId_ = static_cast<std::uint16_t>(id + idStep_);
+            return id;
+        }
     }
-    throw std::logic_error("no free SEL record ID");  // cannot happen below maxCapacity
+    throw std::logic_error("no free SEL record ID");  // cannot happen: the log holds at most 0xFFFE
 }
 
 void SimSel::cancelReservation() { reservation_ = 0; }
+
+void SimSel::dropOldest() {
+    ids_.erase(idOf(records_.front()));
+    records_.pop_front();
+}
+
+void SimSel::append(const sel::RawRecord& record) {
+    records_.push_back(record);
+    ids_.insert(idOf(record));
+}
 
 std::optional<std::uint16_t> SimSel::store(sel::RawRecord record) {
     if (erasing_) return std::nullopt;
@@ -172,13 +191,13 @@ std::optional<std::uint16_t> SimSel::store(sel::RawRecord record) {
         overflow_ = true;
         if (mode_ == Mode::stopWhenFull) return std::nullopt;
         // Circular: the oldest record makes room; the count stays.
-        records_.pop_front();
+        dropOldest();
     }
     const std::uint16_t id = takeId();
     put16(record.data(), id);
     const std::uint32_t now = time();
     if (timestamped(record[2])) put32(record.data() + 3, now);
-    records_.push_back(record);
+    append(record);
     lastAddition_ = now;
     cancelReservation();
     return id;
@@ -194,7 +213,7 @@ void SimSel::addExact(const sel::RawRecord& record) {
     const std::uint16_t id = idOf(record);
     if (id == sel::firstRecordId || id == sel::lastRecordId)
         throw std::invalid_argument("record IDs 0000 and ffff are reserved");
-    if (find(id) >= 0) {
+    if (ids_.count(id) != 0) {
         char text[8];
         std::snprintf(text, sizeof text, "%04x", id);
         throw std::invalid_argument(std::string("the SEL holds record ") + text + " already");
@@ -202,9 +221,9 @@ void SimSel::addExact(const sel::RawRecord& record) {
     if (records_.size() >= capacity_) {
         overflow_ = true;
         if (mode_ == Mode::stopWhenFull) throw std::invalid_argument("the SEL is full");
-        records_.pop_front();
+        dropOldest();
     }
-    records_.push_back(record);
+    append(record);
     nextId_ = static_cast<std::uint16_t>(id + idStep_);
     lastAddition_ = time();
     cancelReservation();
@@ -213,6 +232,7 @@ void SimSel::addExact(const sel::RawRecord& record) {
 void SimSel::clear() {
     Lock lock(bmc_.mutex());
     records_.clear();
+    ids_.clear();
     overflow_ = false;
     erasing_ = false;
     lastErase_ = time();
@@ -326,6 +346,7 @@ Response SimSel::deleteEntry(const Request& request) {
     if (index < 0) return {cc::requestedDataNotPresent};
     const std::uint16_t id = idOf(records_[static_cast<std::size_t>(index)]);
     records_.erase(records_.begin() + index);
+    ids_.erase(id);
     lastErase_ = time();
     cancelReservation();
     Response r{cc::ok};
@@ -350,6 +371,7 @@ Response SimSel::clearRequest(const Request& request) {
     if (d[5] != c::initiate) return {cc::invalidDataField};
     if (reservation_ == 0 || reservation != reservation_) return {ccReservationCancelled};
     records_.clear();
+    ids_.clear();
     overflow_ = false;
     lastErase_ = time();
     cancelReservation();

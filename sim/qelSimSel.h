@@ -29,6 +29,7 @@
 #include <deque>
 #include <iosfwd>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "qelSelRecord.h"
@@ -99,6 +100,8 @@ public:
 
 private:
     std::uint16_t takeId();
+    void dropOldest();
+    void append(const qelSel::RawRecord& record);
     void cancelReservation();
     std::optional<std::uint16_t> store(qelSel::RawRecord record);
     // Index of the record `id` names (0x0000 first, 0xFFFF last), or -1.
@@ -107,7 +110,8 @@ private:
     void logWatchdogExpiries();
 
     SimBmc& bmc_;
-    std::deque<qelSel::RawRecord> records_;
+    std::deque<qelSel::RawRecord> records_;  // oldest first
+    std::set<std::uint16_t> ids_;             // the IDs in records_
     unsigned int capacity_ = 512;
     Mode mode_ = Mode::circular;
     unsigned int idStep_ = 1;

@@ -112,6 +112,16 @@ TEST_F(SimSelTest, IdsNeverTakeTheFirstAndLastMarkers) {
                  std::invalid_argument);
 }
 
+TEST_F(SimSelTest, AStepThatCyclesThroughFewIdsGoesOnWithTheNextFreeOne) {
+    // 0x4000 reaches four IDs only; a log of more records still gets unique
+    // ones (found by fuzz_sel: the controller gave up on the fifth record).
+    bmc.applyDescriptionLine("sel-id-step 16384");
+    for (int i = 0; i < 6; ++i) ASSERT_EQ(add(event())[0], 0x00);
+    std::vector<std::uint16_t> ids;
+    for (const sel::RawRecord& r : log.records()) ids.push_back(static_cast<std::uint16_t>(r[0] | (r[1] << 8)));
+    EXPECT_EQ(ids, (std::vector<std::uint16_t>{0x0001, 0x4001, 0x8001, 0xC001, 0x0002, 0x4002}));
+}
+
 TEST_F(SimSelTest, ACircularLogOverwritesTheOldestAndKeepsItsCount) {
     bmc.applyDescriptionLine("sel-capacity 3");
     for (int i = 0; i < 3; ++i) add(event());
