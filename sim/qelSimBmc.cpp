@@ -17,6 +17,7 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     // After the identity: the board answers the slot query once it has a slot.
     registerBoardCommands(*this);
     registerSystemInfoCommands(*this);
+    registerSelCommands(*this);
     // Keywords and dump sections for the models above that have none of
     // their own; after them, so their sections come last in the dump.
     registerModelDescriptions(*this);

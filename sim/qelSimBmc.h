@@ -40,6 +40,7 @@ class SimLan;  // qelSimLan.h
 class SimIdentity;  // qelSimIdentity.h
 class SimBoard;  // qelSimBoard.h
 class SimSystemInfo;  // qelSimSystemInfo.h
+class SimSel;  // qelSimSel.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -212,6 +213,9 @@ public:
     // ---- the standard System Info Parameters (qelSimSystemInfo.h)
     SimSystemInfo& systemInfo();
 
+    // ---- the System Event Log (qelSimSel.h)
+    SimSel& sel();
+
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
     // understands in a controller description file ("keyword word...", one
@@ -259,6 +263,7 @@ private:
     std::shared_ptr<SimIdentity> identity_;
     std::shared_ptr<SimBoard> board_;
     std::shared_ptr<SimSystemInfo> systemInfo_;
+    std::shared_ptr<SimSel> sel_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -270,6 +275,9 @@ void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
 void registerSystemInfoCommands(SimBmc& bmc);
+// After the board and the watchdog: it takes over the Platform Event
+// handler (the board still answers first) and logs the watchdog's expiries.
+void registerSelCommands(SimBmc& bmc);
 // Description keywords and dump sections of the watchdog, configuration
 // space, FRU/PNI and LAN models (qelSimModelDescriptions.h).
 void registerModelDescriptions(SimBmc& bmc);

@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "qelIpmiCommands.h"
+#include "qelSelRecord.h"
 #include "qelSimBoard.h"
 #include "qelSimConfSpace.h"
 #include "qelSimDescription.h"
@@ -140,6 +141,15 @@ const CommandName commandNames[] = {
     {netfn::app, cmd::getWatchdogTimer, "Get Watchdog Timer"},
     {netfn::app, cmd::getChannelInfo, "Get Channel Info"},
     {netfn::sensorEvent, cmd::platformEvent, "Platform Event (OS status to the board)"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelInfo, "Get SEL Info"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelAllocationInfo, "Get SEL Allocation Info"},
+    {qelSel::netfn::storage, qelSel::cmd::reserveSel, "Reserve SEL"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelEntry, "Get SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::addSelEntry, "Add SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::deleteSelEntry, "Delete SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::clearSel, "Clear SEL"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelTime, "Get SEL Time"},
+    {qelSel::netfn::storage, qelSel::cmd::setSelTime, "Set SEL Time"},
     {netfn::storage, cmd::getFruInventoryAreaInfo, "Get FRU Inventory Area Info"},
     {netfn::storage, cmd::readFruData, "Read FRU Data"},
     {netfn::storage, cmd::writeFruData, "Write FRU Data"},
