@@ -72,6 +72,8 @@ show() {
     section == "[board]" && $1 == "os-text" { sub(/^os-text /, ""); sub(/ via .*/, ""); ostext = $0 }
     section == "[board]" && $1 == "platform-text" { sub(/^platform-text /, ""); sub(/ via .*/, ""); ptext = $0 }
     section == "[board]" && $1 == "report" { reports = reports "     " $0 "\n" }
+    section == "[board]" && $1 == "sel-event" {
+      evlog = evlog (evlog == "" ? " " : ", ") ($3 == "1f" ? "OS boot" : $3 == "20" ? "OS shutdown" : "sensor type " $3) " (offset " $5 ")" }
     END {
       printf "   what the agent sent:\n%s", sent == "" ? "     nothing\n" : sent
       printf "   what the controller holds:\n"
@@ -81,6 +83,7 @@ show() {
       printf "     management board: OS status %s (5 running, 6 shut down); OS text %s; platform text %s\n",
         status == "-" ? "none" : status, ostext == "" ? "none" : ostext, ptext == "" ? "none" : ptext
       if (reports != "") printf "     port reports to the board:\n%s", reports
+      printf "     the controller'"'"'s event log, from the agent:%s\n", evlog == "" ? " nothing" : evlog
     }'
 }
 
