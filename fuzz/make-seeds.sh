@@ -1,19 +1,14 @@
 #!/usr/bin/env bash
 # Regenerates the seeds of fuzz/corpus/ from the simulator's PNI image
-# builder and the SMBIOS tables of the shared test data:
+# builder and the repository's SMBIOS tables:
 #   fuzz/make-seeds.sh [BUILD_DIR] [SMBIOS_TABLE_DIR]
 # BUILD_DIR is the fuzz tree (default build/fuzz, configured if missing);
-# SMBIOS_TABLE_DIR defaults to shared/testdata/smbios beside the checkout.
+# SMBIOS_TABLE_DIR defaults to $QEL_SMBIOS_TESTDATA, else tests/data/smbios.
 # Seeds are written beside what the corpus already holds; run
 # fuzz/merge-corpus.sh afterwards to drop what adds no coverage.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/fuzz}
-tables=${2:-}
-if [ -z "$tables" ]; then
-  for candidate in ../shared/testdata/smbios /work/shared/testdata/smbios; do
-    [ -d "$candidate" ] && { tables=$candidate; break; }
-  done
-fi
+tables=${2:-${QEL_SMBIOS_TESTDATA:-tests/data/smbios}}
 scripts/fuzz.sh --build-only --build-dir "$build"
 "$build/fuzz/qel-fuzz-seeds" fuzz/corpus ${tables:+"$tables"}

@@ -3,15 +3,25 @@
 # nothing when they are all present already (so a warm machine does not wait
 # for apt). Needs root; the project's machines run as root.
 #
-#   scripts/install-deps.sh              everything below
+#   scripts/install-deps.sh              everything below (scripts/test.sh)
+#   scripts/install-deps.sh --run        only what the main job needs (scripts/run.sh)
 #   scripts/install-deps.sh PACKAGE...   just these (for scripts that need few)
 set -euo pipefail
 
-packages=(
-  cmake g++ make pkg-config          # build
+# The main job: the build tools and what the programs are built with. The
+# library, qeld and qel-bmcsim need only the C++ standard library and the OS;
+# qelctl parses its command line with CLI11 and writes JSON with nlohmann-json
+# (both header-only). A newcomer's first run waits for these alone.
+run_packages=(
+  cmake g++ make                     # build
+  libcli11-dev nlohmann-json3-dev    # qelctl: command line and JSON (header-only)
+)
+
+# Everything else is for the tests, the benchmarks, fuzzing and packaging.
+test_packages=(
+  pkg-config git                     # the installed library's consumers; the clone-alone check
   libgtest-dev libgmock-dev          # unit tests
   libbenchmark-dev                   # benchmarks
-  libcli11-dev nlohmann-json3-dev    # qelctl: command line and JSON (header-only)
   iproute2                           # network-namespace tests: ip netns, veth, macvlan
   dmidecode                          # independent reader of SMBIOS tables
   python3                            # JSON oracle helpers in the system tests
@@ -23,6 +33,12 @@ packages=(
   man-db binutils                    # manual pages rendered with warnings; objdump for SONAMEs
 )
 
+packages=("${run_packages[@]}" "${test_packages[@]}")
+if [ "${1:-}" == --run ]; then
+  packages=("${run_packages[@]}")
+  shift
+  (($# == 0)) || { echo "install-deps: --run takes no packages" >&2; exit 2; }
+fi
 (($#)) && packages=("$@")
 
 missing=()

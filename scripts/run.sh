@@ -8,11 +8,15 @@
 # host's interface MACs, the software watchdog at 300 s, a LAN channel), runs
 # `qeld --once` and a few seconds of `qeld --foreground` against it, and
 # prints what the agent sent and what the controller holds afterwards.
+#
+# It installs only what these programs are built with (the build tools, and
+# CLI11 and nlohmann-json for qelctl), not the test tools, and builds only the
+# three programs it runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh --run
 cmake -S . -B build/run -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_BUILD_TESTS=OFF -DQEL_BUILD_BENCH=OFF >/dev/null
-cmake --build build/run -j"$(nproc)" >/dev/null
+cmake --build build/run -j"$(nproc)" --target qeld qelctl qel-bmcsim >/dev/null
 qeld=build/run/tools/qeld/qeld
 qelctl=build/run/tools/qelctl/qelctl
 bmcsim=build/run/sim/server/qel-bmcsim
@@ -68,6 +72,8 @@ show() {
     section == "[board]" && $1 == "os-text" { sub(/^os-text /, ""); sub(/ via .*/, ""); ostext = $0 }
     section == "[board]" && $1 == "platform-text" { sub(/^platform-text /, ""); sub(/ via .*/, ""); ptext = $0 }
     section == "[board]" && $1 == "report" { reports = reports "     " $0 "\n" }
+    section == "[board]" && $1 == "sel-event" {
+      evlog = evlog (evlog == "" ? " " : ", ") ($3 == "1f" ? "OS boot" : $3 == "20" ? "OS shutdown" : "sensor type " $3) " (offset " $5 ")" }
     END {
       printf "   what the agent sent:\n%s", sent == "" ? "     nothing\n" : sent
       printf "   what the controller holds:\n"
@@ -77,6 +83,7 @@ show() {
       printf "     management board: OS status %s (5 running, 6 shut down); OS text %s; platform text %s\n",
         status == "-" ? "none" : status, ostext == "" ? "none" : ostext, ptext == "" ? "none" : ptext
       if (reports != "") printf "     port reports to the board:\n%s", reports
+      printf "     the controller'"'"'s event log, from the agent:%s\n", evlog == "" ? " nothing" : evlog
     }'
 }
 

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
+#include <linux/ipmi.h>
 #include <net/if.h>
 #include <netinet/in.h>
 
@@ -140,6 +141,12 @@ const CommandName commandNames[] = {
     {netfn::app, cmd::setWatchdogTimer, "Set Watchdog Timer"},
     {netfn::app, cmd::getWatchdogTimer, "Get Watchdog Timer"},
     {netfn::app, cmd::getChannelInfo, "Get Channel Info"},
+    {netfn::app, cmd::setBmcGlobalEnables, "Set BMC Global Enables"},
+    {netfn::app, cmd::getBmcGlobalEnables, "Get BMC Global Enables"},
+    {netfn::app, cmd::setSystemInfoParameters, "Set System Info Parameters"},
+    {netfn::app, cmd::getSystemInfoParameters, "Get System Info Parameters"},
+    // Over IPMB to the management board; the same command on the system
+    // interface goes into the controller's own event log (see dumpTraffic).
     {netfn::sensorEvent, cmd::platformEvent, "Platform Event (OS status to the board)"},
     {qelSel::netfn::storage, qelSel::cmd::getSelInfo, "Get SEL Info"},
     {qelSel::netfn::storage, qelSel::cmd::getSelAllocationInfo, "Get SEL Allocation Info"},
@@ -192,6 +199,15 @@ void dumpTraffic(const SimBmc& bmc, std::ostream& out) {
         std::string key = hexText(Bytes{r.netFn, r.cmd});
         std::string name = commandName(r.netFn, r.cmd);
         if (name.empty()) name = "?";
+        // One command, two receivers: OS status events go over IPMB to the
+        // board, while system software's own events (the agent's OS boot and
+        // shutdown) go to the controller's event log on the system interface.
+        // Counted apart, so neither is mistaken for the other.
+        if (r.netFn == netfn::sensorEvent && r.cmd == cmd::platformEvent &&
+            r.addrType == IPMI_SYSTEM_INTERFACE_ADDR_TYPE) {
+            key += " log";
+            name = "Platform Event (OS boot or shutdown, to the controller's event log)";
+        }
         bool variable = false;
         std::uint32_t id = 0;
         if (r.netFn == netfn::oemGroup && r.cmd == cmd::configSpace &&

@@ -23,16 +23,17 @@
 
 namespace smbiosTest {
 
-// Set to a directory to read the corpus from there instead of the shared
-// test data beside the repository.
+// Set to a directory to read the corpus from there instead of the
+// repository's own copy.
 constexpr const char* kCorpusEnv = "QEL_SMBIOS_TESTDATA";
 // Set to 1 to let the corpus tests skip (loudly) when the corpus or dmidecode
 // is missing, instead of failing.
 constexpr const char* kCorpusOptionalEnv = "QEL_SMBIOS_CORPUS_OPTIONAL";
 
-// The corpus directory: $QEL_SMBIOS_TESTDATA, or shared/testdata/smbios
-// beside the repository (the one the build names, else the one that holds
-// `testSource`, a file in tests/unit/).
+// The corpus directory: $QEL_SMBIOS_TESTDATA, or tests/data/smbios in the
+// repository (the one the build names, else the one that holds `testSource`,
+// a file in tests/unit/). The tables live in the repository so that a clone
+// alone passes; nothing outside the checkout is looked at.
 inline std::string corpusDirectory(const char* testSource) {
     if (const char* fromEnv = std::getenv(kCorpusEnv); fromEnv != nullptr && *fromEnv != 0)
         return fromEnv;
@@ -45,7 +46,7 @@ inline std::string corpusDirectory(const char* testSource) {
 #else
     const fs::path repository = fs::path(testSource).parent_path().parent_path().parent_path();
 #endif
-    return (repository.parent_path() / "shared" / "testdata" / "smbios").lexically_normal().string();
+    return (repository / "tests" / "data" / "smbios").lexically_normal().string();
 }
 
 inline bool corpusOptional() {

@@ -179,6 +179,11 @@ step "no controller, bad usage"
 set +e
 "$QELCTL" --bmc-socket "$T/nobody.sock" identity >/dev/null 2>&1
 expect_eq "no controller: exit 3" "$?" 3
+"$QELCTL" --bmc-socket "$T/nobody.sock" status >"$T/out" 2>"$T/err"
+expect_eq "status without a controller: exit 3" "$?" 3
+expect_eq "status without a controller: one line on stderr" "$(grep -c '' "$T/err")" 1
+expect_true "... that says so as qeld does" grep -q "^qelctl: no IPMI controller: no controller at $T/nobody.sock (" "$T/err"
+expect_true "... and the host's own sections still shown" grep -q '^os: ' "$T/out"
 "$QELCTL" frobnicate >/dev/null 2>&1
 expect_eq "unknown command: exit 2" "$?" 2
 "$QELCTL" --simulate --bmc-socket "$SOCK" identity >/dev/null 2>&1

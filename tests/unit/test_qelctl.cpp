@@ -1,7 +1,8 @@
-// qelctl's PNI decoder against the simulated controller, for the records
+// qelctl against the simulated controller: the PNI decoder, for the records
 // that the fuzz target over qelctl's decoders (fuzz/fuzz_qelctl.cpp) found
-// it mishandling: a record that breaks off in a function entry, shown as
-// text, and a version 10 type text that is not UTF-8, shown as JSON.
+// it mishandling (a record that breaks off in a function entry, shown as
+// text, and a version 10 type text that is not UTF-8, shown as JSON); and
+// `status` and `metrics` on a host without a controller.
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
@@ -22,14 +23,15 @@ using qelctl::Json;
 using qelSim::Bytes;
 using qelSim::PniImageBuilder;
 
-// Standard output captured for one scope.
+// A standard stream (std::cout by default) captured for one scope.
 class CapturedOutput {
 public:
-    CapturedOutput() : previous_(std::cout.rdbuf(text_.rdbuf())) {}
-    ~CapturedOutput() { std::cout.rdbuf(previous_); }
+    explicit CapturedOutput(std::ostream& stream = std::cout) : stream_(stream), previous_(stream.rdbuf(text_.rdbuf())) {}
+    ~CapturedOutput() { stream_.rdbuf(previous_); }
     std::string text() const { return text_.str(); }
 
 private:
+    std::ostream& stream_;
     std::ostringstream text_;
     std::streambuf* previous_;
 };
@@ -50,6 +52,39 @@ int runPni(bool json, std::string& printed) {
     printed = captured.text();
     return status;
 }
+
+// What one qelctl command printed, and its exit status.
+struct CommandRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// `qelctl [--json] COMMAND` for a command that `add` registers, as qelctl's
+// main parses and runs it.
+CommandRun runCommand(void (*add)(CLI::App&, qelctl::Action&), const char* command, bool json) {
+    CLI::App app{"qelctl"};
+    qelctl::Output output;
+    app.add_flag("--json", output.json, "JSON");
+    qelctl::Action action;
+    add(app, action);
+    std::vector<const char*> argv = {"qelctl"};
+    if (json) argv.push_back("--json");
+    argv.push_back(command);
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    CommandRun run;
+    CapturedOutput out;
+    CapturedOutput err(std::cerr);
+    run.status = action(output);
+    run.out = out.text();
+    run.err = err.text();
+    return run;
+}
+
+// The line qeld prints too when no device path opens.
+const std::string kNoController =
+    "no IPMI controller: /dev/ipmi0: No such file or directory, /dev/ipmi/0: No such file or directory, "
+    "/dev/ipmidev/0: No such file or directory; load the IPMI drivers (ipmi_si, ipmi_devintf) or use --simulate";
 
 // One adapter, one port, one function of `function`.
 Bytes imageOf(unsigned char version, const qelSim::PniFunctionSpec& function) {
@@ -96,6 +131,60 @@ TEST(QelctlPni, JsonCarriesAVersion10TypeTextThatIsNotUtf8) {
     std::string text;
     EXPECT_EQ(runPni(false, text), qelctl::exitOk);
     EXPECT_NE(text.find("Adapter 0 Port 0 Fn 0:    F\xDC\n"), std::string::npos) << text;
+}
+
+// ---------------------------------------------------------------- no controller
+
+TEST(QelctlStatus, WithoutAControllerSaysSoInOneLineAndExitsThree) {
+    qelSim::ScopedSimulator sim;
+    sim->setAllPathsMissing(true);
+
+    const CommandRun run = runCommand(qelctl::addStatus, "status", false);
+    EXPECT_EQ(run.status, qelctl::exitNoController);
+    EXPECT_EQ(run.err, "qelctl: " + kNoController + "\n");
+    // The host's own sections are still shown, the controller's are not.
+    EXPECT_EQ(run.out.rfind("qeld:  ", 0), 0u) << run.out;
+    EXPECT_NE(run.out.find("\nos:  "), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("controller:"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("watchdog:"), std::string::npos) << run.out;
+    EXPECT_EQ(sim->requestCount(), 0u) << "nothing is sent to a controller that is not there";
+}
+
+TEST(QelctlStatus, JsonWithoutAControllerHasTheLineAsItsOnlyErrorAndExitsThree) {
+    qelSim::ScopedSimulator sim;
+    sim->setAllPathsMissing(true);
+
+    const CommandRun run = runCommand(qelctl::addStatus, "status", true);
+    EXPECT_EQ(run.status, qelctl::exitNoController);
+    const Json doc = Json::parse(run.out);
+    EXPECT_EQ(doc["errors"], (Json{{"controller", kNoController}}));
+    for (const char* section : {"identity", "watchdog", "config", "lan", "board"})
+        EXPECT_TRUE(doc[section].is_null()) << section;
+    EXPECT_TRUE(doc["host"].is_object());
+    EXPECT_TRUE(doc["inventory"].is_object());
+    EXPECT_EQ(run.err, "") << "the document says it, as it does every error of status";
+}
+
+TEST(QelctlStatus, WithAControllerReadsItsSectionsAndReportsNoMissingController) {
+    qelSim::ScopedSimulator sim;
+
+    const CommandRun run = runCommand(qelctl::addStatus, "status", true);
+    EXPECT_NE(run.status, qelctl::exitNoController);
+    const Json doc = Json::parse(run.out);
+    EXPECT_FALSE(doc["errors"].contains("controller")) << doc["errors"];
+    EXPECT_EQ(doc["identity"]["device_id"], sim->deviceId()[1]);
+    EXPECT_FALSE(doc["watchdog"].is_null());
+    EXPECT_EQ(run.err.find("no IPMI controller"), std::string::npos) << run.err;
+}
+
+TEST(QelctlMetrics, WithoutAControllerReportsItDownInOneLineAndExitsThree) {
+    qelSim::ScopedSimulator sim;
+    sim->setAllPathsMissing(true);
+
+    const CommandRun run = runCommand(qelctl::addMetrics, "metrics", false);
+    EXPECT_EQ(run.status, qelctl::exitNoController);
+    EXPECT_NE(run.out.find("\nqel_up 0\n"), std::string::npos) << run.out;
+    EXPECT_EQ(run.err, "qelctl: " + kNoController + "\n");
 }
 
 }  // namespace

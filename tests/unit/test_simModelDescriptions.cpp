@@ -174,6 +174,46 @@ TEST_F(ModelDescriptions, TrafficNamesCommandsAndConfSpaceVariables) {
     EXPECT_THAT(traffic, HasSubstr("sent 3a 99 x1  ?\n"));
 }
 
+// The agent's own events (OS boot, OS shutdown) go to the controller's event
+// log on the system interface; OS status goes over IPMB to the board. One
+// command, counted apart; and every command the agent sends has a name.
+TEST_F(ModelDescriptions, TrafficCountsEventLogEventsApartFromBoardEventsAndNamesSystemInfo) {
+    qelIpmi::QelIpmi system(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+    const unsigned char boot[] = {0x41, 0x04, 0x1F, 0x00, 0x6F, 0x01, 0xFF, 0xFF};
+    qelIpmi::QelIpmi_request_msg bootEvent(qelIpmi::netfn::sensorEvent, qelIpmi::cmd::platformEvent, sizeof boot,
+                                           boot);
+    system.sendCmd(bootEvent);
+    const unsigned char shutdown[] = {0x41, 0x04, 0x20, 0x00, 0x6F, 0x03, 0xFF, 0xFF};
+    qelIpmi::QelIpmi_request_msg shutdownEvent(qelIpmi::netfn::sensorEvent, qelIpmi::cmd::platformEvent,
+                                               sizeof shutdown, shutdown);
+    system.sendCmd(shutdownEvent);
+    qelIpmi::QelIpmi board(0, qelIpmi::mmb::boardIpmbAddress, qelIpmi::QelIpmi::IPMB);
+    const unsigned char running[qelIpmi::mmb::osEventSize] = {
+        qelIpmi::mmb::eventRevision, qelIpmi::mmb::osSensorType, qelIpmi::mmb::osSensorNumber,
+        qelIpmi::mmb::osEventType, static_cast<unsigned char>(5 | qelIpmi::mmb::osStatusMarker),
+        qelIpmi::mmb::osEventData2, qelIpmi::mmb::osEventData3};
+    qelIpmi::QelIpmi_request_msg status(qelIpmi::netfn::sensorEvent, qelIpmi::cmd::platformEvent, sizeof running,
+                                        running);
+    board.sendCmd(status);
+    const unsigned char name[] = {0x02, 0x00, 0x00, 0x04, 'h', 'o', 's', 't'};
+    qelIpmi::QelIpmi_request_msg setName(qelIpmi::netfn::app, qelIpmi::cmd::setSystemInfoParameters, sizeof name,
+                                         name);
+    system.sendCmd(setName);
+    const unsigned char which[] = {0x00, 0x02, 0x00, 0x00};
+    qelIpmi::QelIpmi_request_msg getName(qelIpmi::netfn::app, qelIpmi::cmd::getSystemInfoParameters, sizeof which,
+                                         which);
+    system.sendCmd(getName);
+
+    const std::string traffic = section("traffic");
+    EXPECT_THAT(traffic, HasSubstr("requests-total 5\n"));
+    EXPECT_THAT(traffic,
+                HasSubstr("sent 04 02 log x2  Platform Event (OS boot or shutdown, to the controller's event log)\n"));
+    EXPECT_THAT(traffic, HasSubstr("sent 04 02 x1  Platform Event (OS status to the board)\n"));
+    EXPECT_THAT(traffic, HasSubstr("sent 06 58 x1  Set System Info Parameters\n"));
+    EXPECT_THAT(traffic, HasSubstr("sent 06 59 x1  Get System Info Parameters\n"));
+    EXPECT_THAT(traffic, Not(HasSubstr("?")));
+}
+
 TEST_F(ModelDescriptions, WatchdogDumpShowsAnExpiry) {
     apply("watchdog-state 44 01 00 00 0a 00 0a 00");  // running, hard reset, 1 s
     sim->advanceMs(1500);

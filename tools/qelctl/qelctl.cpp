@@ -66,6 +66,8 @@ int main(int argc, char** argv) {
     if (bmcSocket.empty() && !simulate)
         if (const char* env = std::getenv("QEL_BMCSIM_SOCKET")) bmcSocket = env;
 
+    setControllerSocket(bmcSocket);
+
     std::unique_ptr<qelSim::ScopedSimulator> inProcess;
     std::unique_ptr<qelSim::ScopedSocketDevice> shared;
     try {
@@ -78,9 +80,15 @@ int main(int argc, char** argv) {
     } catch (const qelIpmi::QelIpmiError& e) {
         std::string text = qelError::textOf(e);
         while (!text.empty() && text.back() == '\n') text.pop_back();
-        std::cerr << "qelctl: " << text << '\n';
-        return text.find("Open failed") != std::string::npos ? static_cast<int>(exitNoController)
-                                                              : static_cast<int>(exitFailed);
+        if (text.find("Open failed") == std::string::npos) {
+            std::cerr << "qelctl: " << text << '\n';
+            return exitFailed;
+        }
+        // The device did not open: say so as status and qeld do, with every
+        // path tried and what to load (the library's text names one path).
+        const std::string missing = noController();
+        std::cerr << "qelctl: " << (missing.empty() ? text : missing) << '\n';
+        return exitNoController;
     } catch (const std::exception& e) {
         std::string text = qelError::textOf(e);
         while (!text.empty() && text.back() == '\n') text.pop_back();

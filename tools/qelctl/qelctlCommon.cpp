@@ -11,9 +11,22 @@
 
 #include "qelError.h"
 #include "qelIpmi.h"
+#include "qelIpmiDevice.h"
+#include "qelNoController.h"
 #include "qelSimDescription.h"
 
 namespace qelctl {
+
+namespace {
+std::string controllerSocket;
+}  // namespace
+
+void setControllerSocket(const std::string& path) { controllerSocket = path; }
+
+std::string noController() {
+    const std::string problems = qelTool::probeDevices(qelIpmi::ipmiDeviceProvider());
+    return problems.empty() ? std::string() : qelTool::noControllerText(problems, controllerSocket);
+}
 
 std::string completionCodeText(unsigned char code) {
     const char* text = nullptr;

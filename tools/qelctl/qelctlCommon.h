@@ -60,6 +60,15 @@ std::string ipv4Text(const unsigned char* bytes);
 std::string ipv6Text(const unsigned char* bytes);
 std::string macText(const unsigned char* bytes);
 
+// Where the controller is, for the no-controller line: the socket of a
+// simulated controller process, or empty for the kernel's device (and the
+// simulator in this process). main sets it.
+void setControllerSocket(const std::string& path);
+// "" when a controller device opens (nothing is sent); else the one line that
+// says there is none and what to do, as qeld says it ("no IPMI controller:
+// /dev/ipmi0: No such file or directory, ...; load the IPMI drivers ...").
+std::string noController();
+
 // Whether qeld runs on this host: its pid file names a live process, or
 // systemd reports the unit active. The text says which.
 std::pair<bool, std::string> qeldRunning();

@@ -24,20 +24,45 @@ Json section(Json (*read)(), Json& errors, const char* name) {
     }
 }
 
-Json statusDocument() {
+// The controller's sections are read only when its device opens: without
+// one, each of them would fail alone with the same open error, while one line
+// saying that there is no controller and what to load tells the reader more.
+// `missing` is that line (noController()), empty when the device opens; it is
+// the only error then, under "controller". The host's sections are read
+// either way.
+Json statusDocument(const std::string& missing) {
     Json errors = Json::object();
     Json doc;
     const auto qeld = qeldRunning();
+    const bool controller = missing.empty();
     doc["qeld"] = Json{{"running", qeld.first}, {"how", qeld.second}};
-    doc["identity"] = section(identityDocument, errors, "identity");
-    doc["watchdog"] = section(watchdogDocument, errors, "watchdog");
-    doc["config"] = section(configDocument, errors, "config");
-    doc["lan"] = section(lanDocument, errors, "lan");
-    doc["board"] = section(boardDocument, errors, "board");
+    doc["identity"] = controller ? section(identityDocument, errors, "identity") : Json();
+    doc["watchdog"] = controller ? section(watchdogDocument, errors, "watchdog") : Json();
+    doc["config"] = controller ? section(configDocument, errors, "config") : Json();
+    doc["lan"] = controller ? section(lanDocument, errors, "lan") : Json();
+    doc["board"] = controller ? section(boardDocument, errors, "board") : Json();
     doc["host"] = section(hostDocument, errors, "host");
     doc["inventory"] = section(inventoryDocument, errors, "inventory");
+    if (!controller) errors["controller"] = missing;
     doc["errors"] = errors;
     return doc;
+}
+
+// No controller (3) before a section that failed (1).
+int statusOf(const Json& doc) {
+    if (doc["errors"].contains("controller")) return exitNoController;
+    return doc["errors"].empty() ? exitOk : exitFailed;
+}
+
+// The errors of `doc` on standard error, one line each; the no-controller
+// line as qelctl's other commands print it.
+void printErrors(const Json& doc, const char* command) {
+    for (const auto& e : doc["errors"].items()) {
+        if (e.key() == "controller")
+            std::cerr << "qelctl: " << e.value().get<std::string>() << '\n';
+        else
+            std::cerr << "qelctl: " << command << ": " << e.value().get<std::string>() << '\n';
+    }
 }
 
 const char* const timerUseNames[] = {"reserved", "BIOS FRB2", "BIOS/POST", "OS Load", "SMS/OS", "OEM"};
@@ -58,7 +83,7 @@ void metric(const char* name, const char* help, const std::string& labels, doubl
 int metrics(const Output& out) {
     Json samples = Json::array();
     if (out.json) jsonSamples = &samples;
-    const Json status = statusDocument();
+    const Json status = statusDocument(noController());
     const Json& wd = status["watchdog"];
     metric("qel_up", "1 when the controller answered Get Watchdog Timer", "", wd.is_null() ? 0 : 1);
     if (!wd.is_null()) {
@@ -101,12 +126,12 @@ int metrics(const Output& out) {
             if (i["published"].get<std::string>().find("NIC record") != std::string::npos) ++nics;
         metric("qel_agent_nics_published", "Interfaces whose addresses the agent publishes to NIC records", "", nics);
     }
-    for (const auto& e : status["errors"].items()) std::cerr << "qelctl: metrics: " << e.value().get<std::string>() << '\n';
+    printErrors(status, "metrics");
     if (out.json) {
         jsonSamples = nullptr;
         Output::print(Json{{"metrics", samples}});
     }
-    return status["errors"].empty() ? exitOk : exitFailed;
+    return statusOf(status);
 }
 
 }  // namespace
@@ -114,10 +139,10 @@ int metrics(const Output& out) {
 void addStatus(CLI::App& app, Action& action) {
     app.add_subcommand("status", "everything at a glance")->callback([&action] {
         action = [](const Output& out) {
-            const Json doc = statusDocument();
+            const Json doc = statusDocument(noController());
             if (out.json) {
                 Output::print(doc);
-                return doc["errors"].empty() ? static_cast<int>(exitOk) : static_cast<int>(exitFailed);
+                return statusOf(doc);
             }
             Output::line("qeld", doc["qeld"]["how"].get<std::string>());
             if (!doc["host"].is_null()) Output::line("watchdog keeper", doc["host"]["watchdog_keeper"].get<std::string>());
@@ -150,8 +175,8 @@ void addStatus(CLI::App& app, Action& action) {
             if (!doc["inventory"].is_null())
                 for (const Json& i : doc["inventory"]["interfaces"])
                     Output::line("  " + i["name"].get<std::string>(), i["published"].get<std::string>());
-            for (const auto& e : doc["errors"].items()) std::cerr << "qelctl: status: " << e.value().get<std::string>() << '\n';
-            return doc["errors"].empty() ? static_cast<int>(exitOk) : static_cast<int>(exitFailed);
+            printErrors(doc, "status");
+            return statusOf(doc);
         };
     });
 }

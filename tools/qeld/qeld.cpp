@@ -516,10 +516,7 @@ int main(int argc, char** argv) {
 
     const std::string problem = controller->probe();
     if (!problem.empty()) {
-        complain("no IPMI controller: " + problem +
-                 (controller->kind() == qeld::Controller::Kind::Kernel
-                      ? "; load the IPMI drivers (ipmi_si, ipmi_devintf) or use --simulate"
-                      : ""));
+        complain(problem);
         return exitNoController;
     }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "qelIpmi.h"
+#include "qelNoController.h"
 #include "qelSimBmc.h"
 #include "qelSimDescription.h"
 #include "qelSimDevice.h"
@@ -153,16 +154,9 @@ std::unique_ptr<Controller> Controller::shared(const std::string& socketPath,
 qelIpmi::QelIpmiDeviceProvider& Controller::provider() { return *provider_; }
 
 std::string Controller::probe() {
-    std::string problems;
-    for (const char* path : qelIpmi::QelIpmi::devicePaths) {
-        errno = 0;
-        if (provider_->open(path, O_RDWR)) return "";
-        const int e = errno;
-        if (!problems.empty()) problems += ", ";
-        problems += std::string(path) + ": " + std::strerror(e);
-    }
-    if (kind_ == Kind::Socket) return "no controller at " + socketPath_ + " (" + problems + ")";
-    return problems;
+    const std::string problems = qelTool::probeDevices(*provider_);
+    if (problems.empty()) return "";
+    return qelTool::noControllerText(problems, kind_ == Kind::Socket ? socketPath_ : std::string());
 }
 
 std::string Controller::dump() {

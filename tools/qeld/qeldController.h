@@ -54,7 +54,8 @@ public:
     qelIpmi::QelIpmiDeviceProvider& provider();
 
     // Whether the device opens, without sending anything: "" when it does,
-    // else what went wrong.
+    // else the one line that says there is no controller and why (the text
+    // qelctl prints too; qelNoController.h).
     std::string probe();
 
     // The controller's state dump (simulated controllers only); throws
