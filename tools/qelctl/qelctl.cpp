@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     addLan(app, action);
     addPni(app, action);
     addBoard(app, action);
+    addSel(app, action);
     addInventory(app, action);
     addHost(app, action);
     addMetrics(app, action);

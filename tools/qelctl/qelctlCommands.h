@@ -25,6 +25,7 @@ void addStatus(CLI::App& app, Action& action);
 void addLan(CLI::App& app, Action& action);
 void addPni(CLI::App& app, Action& action);
 void addBoard(CLI::App& app, Action& action);
+void addSel(CLI::App& app, Action& action);
 
 // The documents of the read-only commands, for `status` and `metrics`.
 Json identityDocument();
