@@ -34,6 +34,11 @@ echo "== packages"
 scripts/package.sh --no-lintian
 bash tests/system/packages.sh dist
 bash tests/system/qeld_systemd.sh dist
+# The same packages on a Debian system booted in QEMU with the kernel's IPMI
+# driver and QEMU's BMC (tests/vm/debian-boot.sh; QEL_SKIP_VM=1 skips it).
+rc=0
+bash tests/vm/debian-boot.sh dist --out build/debian-boot || rc=$?
+[ "$rc" -eq 0 ] || [ "$rc" -eq 77 ] || exit "$rc"
 
 configure_and_build build/asan all -DCMAKE_BUILD_TYPE=Debug -DQEL_SANITIZE=address,undefined -DQEL_BUILD_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
