@@ -37,8 +37,16 @@ unit_active() { [ "$(systemctl is-active qeld.service)" = active ]; }
 restarted_from() { p=$(prop MainPID); [ "$p" != 0 ] && [ "$p" != "$1" ] && unit_active; }
 # The value behind "Label:" in `ipmitool mc watchdog get`.
 wd() { ipmitool mc watchdog get 2>/dev/null | sed -n "s/^$1: *//p" | head -1; }
-wd_running() { wd 'Watchdog Timer Is' | grep -q 'Started/Running'; }
-wd_stopped() { wd 'Watchdog Timer Is' | grep -q 'Stopped'; }
+# The present countdown in tenths of a second ("3.3 sec" -> 33).
+wd_tenths() { wd 'Present Countdown' | sed -n 's/^\([0-9]*\)\.\([0-9]\).*/\1\2/p' | sed 's/^0*\([0-9]\)/\1/'; }
+# Running: so the controller says, or its countdown moves. QEMU's BMC
+# answers "stopped" for a timer that counts down, so the countdown decides.
+wd_running() {
+  wd 'Watchdog Timer Is' | grep -q 'Running' && return 0
+  a=$(wd_tenths); sleep 0.5; b=$(wd_tenths)
+  [ -n "$a" ] && [ -n "$b" ] && [ "$b" -lt "$a" ]
+}
+wd_stopped() { ! wd_running; }
 wd_flags() { wd 'Timer Expiration Flags' | sed -n 's/.*\(0x[0-9a-fA-F][0-9a-fA-F]\).*/\1/p'; }
 # Seconds left on the controller's timer ("Present Countdown: 287 sec").
 wd_left() { wd 'Present Countdown' | sed -n 's/^\([0-9]*\).*/\1/p'; }

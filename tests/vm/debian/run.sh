@@ -11,7 +11,7 @@
 #   debian, boot 2   the agent at boot, the shutdown event in the event log,
 #                    a span (qel.span=, ten minutes in the long run) on the
 #                    controller's timer, the kernel as the timer's owner, stop and purge
-#   negative         qeld masked, the timer armed for 5 s with a hard reset:
+#   negative         qeld masked, the timer armed for 30 s with a hard reset:
 #                    the machine must reset (the host sees QEMU end)
 #
 # The last line is "QEL-VM-STATUS <n>"; a boot that powers off (boot 1)
@@ -125,8 +125,7 @@ boot_install() {
   mkdir -p /var/lib/qeld && echo kept > /var/lib/qeld/qel-vm-marker
   libstate=$(cd /var/lib/qeld && find . -type f | sort | xargs sha256sum)
   (while :; do
-     printf '%s %s\n' "$(mono)" "$(wd 'Watchdog Timer Is')"
-     sleep 0.5
+     printf '%s %s\n' "$(mono)" "$(wd_running && echo running || echo Stopped)"
    done) > "$state/upgrade-timer.log" 2>/dev/null &
   sampler=$!
   oldpid=$(prop MainPID)
@@ -176,7 +175,7 @@ check_service() {
   check_eq "$1: permission errors about qeld in the journal" 0 "$n"
   check "$1: the controller's timer running" wait_until 30 wd_running
   check_eq "$1: timer use" "SMS/OS" "$(wd 'Watchdog Timer Use' | sed 's/ *(.*//')"
-  check_eq "$1: timer action" "Hard Reset" "$(wd 'Watchdog Timer Actions' | sed 's/ *(.*//')"
+  check_eq "$1: timer action" "Hard Reset" "$(wd 'Watchdog Timer Action' | sed 's/ *(.*//')"
 }
 
 # ------------------------------------------------------------------ boot 2
@@ -256,16 +255,19 @@ boot_second() {
 
 # ------------------------------------------------------------------ negative
 boot_negative() {
-  check_eq "qeld masked" masked "$(systemctl is-enabled qeld.service 2>/dev/null)"
+  # (systemd.mask= on the kernel command line masks it for this boot only.)
+  check_eq "qeld masked" masked-runtime "$(systemctl is-enabled qeld.service 2>/dev/null)"
   check "/dev/ipmi0 there" wait_until 30 test -c /dev/ipmi0
   check "the timer not running" wd_stopped
-  # SMS/OS, hard reset, no pre-timeout, expiration flags cleared, 5 s.
-  ipmitool raw 0x06 0x24 0x04 0x01 0x00 0x3e 0x32 0x00 >/dev/null
+  # SMS/OS, hard reset, no pre-timeout, expiration flags cleared, 30 s: time
+  # for the checks below on an emulated machine, which take seconds each.
+  ipmitool raw 0x06 0x24 0x04 0x01 0x00 0x3e 0x2c 0x01 >/dev/null
   ipmitool mc watchdog reset >/dev/null
-  check "armed: running" wd_running
   echo "QEL-VM-ARMED uptime=$(mono)"
-  sleep 60
-  fail "the machine was not reset within 60 s of a 5 s hard-reset watchdog"
+  ipmitool mc watchdog get 2>&1 | sed 's/^/INFO: armed: /'
+  check "armed: running" wd_running
+  sleep 120
+  fail "the machine was not reset within 120 s of a 30 s hard-reset watchdog"
   finish
 }
 
