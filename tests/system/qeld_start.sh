@@ -64,6 +64,22 @@ status=$?
 set -e
 expect_eq "exit status" "$status" 3
 expect_true "says so" grep -q "no IPMI controller: no controller at $T/nobody.sock" "$T/err"
+# The unit's stop after an agent that found no controller: the agent's line
+# is in the journal already, so the stop adds none there; run by hand (or
+# with standard error anywhere else) it still says why.
+set +e
+"$QELD" --shutdown --bmc-socket "$T/nobody.sock" 2>"$T/err"
+status=$?
+set -e
+expect_eq "--shutdown without a controller: exit status" "$status" 3
+expect_true "--shutdown by hand says so" grep -q "no IPMI controller: no controller at $T/nobody.sock" "$T/err"
+: >"$T/journal"
+set +e
+JOURNAL_STREAM=$(stat -c '%d:%i' "$T/journal") "$QELD" --shutdown --bmc-socket "$T/nobody.sock" 2>>"$T/journal"
+status=$?
+set -e
+expect_eq "--shutdown as the unit's stop: exit status" "$status" 3
+expect_eq "--shutdown as the unit's stop: lines in the journal" "$(wc -l <"$T/journal")" 0
 if [ ! -e /dev/ipmi0 ] && [ ! -e /dev/ipmi/0 ] && [ ! -e /dev/ipmidev/0 ]; then
   set +e
   env -u QEL_BMCSIM_SOCKET "$QELD" --once --no-stderr 2>"$T/err"

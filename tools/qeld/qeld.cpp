@@ -516,6 +516,11 @@ int main(int argc, char** argv) {
 
     const std::string problem = controller->probe();
     if (!problem.empty()) {
+        // The unit's stop (ExecStopPost) follows every end of the agent, also
+        // that of an agent that found no controller and said so: on a host
+        // without a controller the journal gets that one line, not a second
+        // from the stop, which has no timer to stop anyway.
+        if (o.mode == Mode::Shutdown && qeld::stderrIsJournal()) return exitNoController;
         complain(problem);
         return exitNoController;
     }
