@@ -40,6 +40,7 @@ class SimLan;  // qelSimLan.h
 class SimIdentity;  // qelSimIdentity.h
 class SimBoard;  // qelSimBoard.h
 class SimSystemInfo;  // qelSimSystemInfo.h
+class SimSdr;  // qelSimSdr.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -210,6 +211,9 @@ public:
     // ---- the standard System Info Parameters (qelSimSystemInfo.h)
     SimSystemInfo& systemInfo();
 
+    // ---- the Sensor Data Record repository and its sensors (qelSimSdr.h)
+    SimSdr& sdr();
+
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
     // understands in a controller description file ("keyword word...", one
@@ -257,6 +261,7 @@ private:
     std::shared_ptr<SimIdentity> identity_;
     std::shared_ptr<SimBoard> board_;
     std::shared_ptr<SimSystemInfo> systemInfo_;
+    std::shared_ptr<SimSdr> sdr_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -268,6 +273,7 @@ void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
 void registerSystemInfoCommands(SimBmc& bmc);
+void registerSdrCommands(SimBmc& bmc);
 // Description keywords and dump sections of the watchdog, configuration
 // space, FRU/PNI and LAN models (qelSimModelDescriptions.h).
 void registerModelDescriptions(SimBmc& bmc);
