@@ -54,7 +54,7 @@ void SimSdr::changed() {
 }
 
 std::uint16_t SimSdr::nextId() {
-    lastId_ = static_cast<std::uint16_t>(lastId_ + stride_);
+    lastId_ = lastId_ == 0 ? 1 : static_cast<std::uint16_t>(lastId_ + stride_);
     if (lastId_ == 0 || lastId_ == sdr::lastRecordId) lastId_ = static_cast<std::uint16_t>(lastId_ + 1);
     return lastId_;
 }

@@ -133,7 +133,7 @@ private:
             } catch (const Cancelled&) {
                 if (++reservations_ > QelSdrRepository::maxReservations)
                     QEL_THROW(QelSdrError, "Get SDR: the reservation was cancelled " +
-                                               std::to_string(reservations_ - 1) +
+                                               std::to_string(reservations_) +
                                                " times while reading record " + hex16(id) + "; giving up");
                 notes_.push_back("SDR reservation cancelled while reading record " + hex16(id) +
                                  " (the repository changed or another reader reserved it); reserving again");
@@ -505,7 +505,8 @@ void QelSdrRepository::load() {
                 fromCache = true;
             }
         }
-        if (!fromCache) {
+        // An empty repository answers 0xCB for its first record.
+        if (!fromCache && info.recordCount != 0) {
             Reader reader(session, readSize, notes);
             records = reader.readAll();
         }

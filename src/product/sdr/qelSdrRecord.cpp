@@ -305,8 +305,7 @@ SensorRecord SensorRecord::fromRecord(const SdrRecord& record) {
         s.oem = d[fullSensor::oem];
         s.id = idAt(d, fullSensor::idTypeLength);
     } else {
-        // A share count of 0 means one sensor, as 1 does.
-        s.shareCount = static_cast<uint8_t>(std::max(1u, sharing1 & 0x0F));
+        s.shareCount = static_cast<uint8_t>(sharing1 & 0x0F);
         s.modifierType = (sharing1 >> 4) & 0x03;
         s.modifierOffset = sharing2 & 0x7F;
         s.entityInstanceIncrements = (sharing2 & 0x80) != 0;
@@ -330,7 +329,8 @@ std::string instanceModifier(uint8_t type, unsigned int n) {
 std::vector<SensorName> SensorRecord::names() const {
     std::vector<SensorName> out;
     const bool shared = recordType != recordType::fullSensor;
-    const unsigned int count = shared ? shareCount : 1;
+    // A share count of 0 means one sensor, as 1 does.
+    const unsigned int count = shared ? std::max<unsigned int>(1, shareCount) : 1;
     for (unsigned int i = 0; i < count; ++i) {
         if (sensorNumber + i > 0xFF) break;
         SensorName n;

@@ -384,7 +384,7 @@ struct QEL_EXPORT SensorRecord {
     uint8_t settableThresholds() const { return static_cast<uint8_t>((readingMask >> 8) & 0x3F); }
 
     // Compact and event-only records: one record for several sensors.
-    uint8_t shareCount = 1;          // 0 in the record counts as 1
+    uint8_t shareCount = 0;          // as the record says; 0 and 1 both mean one sensor
     uint8_t modifierType = 0;        // 0 numeric, 1 alpha
     uint8_t modifierOffset = 0;
     bool entityInstanceIncrements = false;
