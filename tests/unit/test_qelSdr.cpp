@@ -415,6 +415,15 @@ TEST_F(SdrCache, WithoutAGivenIdentityTheFirstLoadAsksTheControllerOnce) {
     EXPECT_EQ(sim->requestCount(), 1u);
 }
 
+TEST(SdrIdentity, TakenFromAGetDeviceIdAnswerWithoutTheSupportByteOrAuxiliaryRevision) {
+    const qelSim::Bytes answer = {0x00, 0x20, 0x81, 0x01, 0x07, 0x02, 0xbf, 0xd9, 0x7e, 0x00, 0x34, 0x12,
+                                  0x00, 0x00, 0x00, 0x47};
+    EXPECT_EQ(QelSdrRepository::identityFromDeviceId(answer),
+              (qelSim::Bytes{0x20, 0x81, 0x01, 0x07, 0x02, 0xd9, 0x7e, 0x00, 0x34, 0x12}));
+    EXPECT_TRUE(QelSdrRepository::identityFromDeviceId({0xC1}).empty());
+    EXPECT_TRUE(QelSdrRepository::identityFromDeviceId({0x00, 0x20, 0x81}).empty());
+}
+
 TEST_F(SdrCache, ChangedRepositoryIsReadAgain) {
     fresh().load();
     describe("sdr-rename 0x01 \"CPU0 Temp\"");

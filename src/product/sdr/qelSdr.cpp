@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <cctype>
 #include <set>
 #include <sstream>
 
 #include "qelIpmi.h"
+#include "qelIpmiCommands.h"
 #include "qelPlatform.h"
 
 #define QEL_SOURCE_NAME "qelSdr"
@@ -450,6 +452,16 @@ QelSdrRepository::QelSdrRepository(std::string cacheDirectory) : cacheDirectory_
 
 void QelSdrRepository::setControllerIdentity(Bytes identity) { identity_ = std::move(identity); }
 
+Bytes QelSdrRepository::identityFromDeviceId(const Bytes& response) {
+    // Device ID, revision, firmware (2), IPMI version, then manufacturer (3)
+    // and product (2); the device support byte (6) says nothing about which
+    // controller this is.
+    if (response.size() < 12 || response[0] != cc::ok) return Bytes();
+    Bytes identity(response.begin() + 1, response.begin() + 6);
+    identity.insert(identity.end(), response.begin() + 7, response.begin() + 12);
+    return identity;
+}
+
 std::string QelSdrRepository::cachePath() const {
     if (cacheDirectory_.empty()) return std::string();
     return qelPlatform::platform().path(cacheDirectory_ + "/" + cacheFileName);
@@ -472,16 +484,17 @@ void QelSdrRepository::load() {
         info = askInfo(session);
         const std::string path = cachePath();
         if (!path.empty() && identity.empty()) {
-            Bytes r = session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID");
-            // Device ID, revision, firmware (2), IPMI version, then manufacturer
-            // (3) and product (2); the device support byte (6) says nothing
-            // about which controller this is.
-            if (r[0] == cc::ok && r.size() >= 12) {
-                identity.assign(r.begin() + 1, r.begin() + 6);
-                identity.insert(identity.end(), r.begin() + 7, r.begin() + 12);
-            } else {
-                notes.push_back("Get Device ID failed; the SDR cache cannot tell this controller from another");
+            // The process's Get Device ID answer, when someone asked already,
+            // costs no request.
+            {
+                std::lock_guard<std::mutex> lock(qelIpmi::QelIpmiDeviceIdData::base_mutex);
+                if (const unsigned char* known = qelIpmi::QelIpmiDeviceIdData::data)
+                    identity = identityFromDeviceId(Bytes(known, known + qelIpmi::deviceId::responseSize));
             }
+            if (identity.empty())
+                identity = identityFromDeviceId(session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID"));
+            if (identity.empty())
+                notes.push_back("Get Device ID failed; the SDR cache cannot tell this controller from another");
         }
         if (!path.empty()) {
             int error = 0;

@@ -64,11 +64,15 @@ public:
     // An empty directory: no cache, every load reads the whole repository.
     explicit QelSdrRepository(std::string cacheDirectory = std::string());
 
-    // The bytes that identify the controller in the cache (for example its
-    // Get Device ID answer). Without them the first load with a cache asks
-    // Get Device ID and keeps device ID, revision, firmware, IPMI version,
-    // manufacturer and product.
+    // The bytes that identify the controller in the cache. Without them the
+    // first load with a cache takes them from the process's Get Device ID
+    // answer (QelIpmiDeviceIdData) or, when there is none, asks Get Device ID
+    // once; a warm load then costs one request from the second load on.
     void setControllerIdentity(Bytes identity);
+    // Device ID, revision, firmware, IPMI version, manufacturer and product
+    // from a Get Device ID response (completion code first); empty when the
+    // response is a refusal or too short.
+    static Bytes identityFromDeviceId(const Bytes& response);
     const Bytes& controllerIdentity() const { return identity_; }
 
     // Throws QelSdrError (malformed or refused replies) and QelIpmiError (no
