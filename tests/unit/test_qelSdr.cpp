@@ -196,6 +196,30 @@ TEST_F(Sdr, ControllerThatRefusesEven16BytesIsReadInSmallerPieces) {
     EXPECT_EQ(repo.readSize(), 4u);
 }
 
+TEST_F(Sdr, LongestRecordIsReadWhole) {
+    std::string line = "sdr-record c0";
+    for (int i = 0; i < 255; ++i) line += " 5a";
+    describe(line);
+    QelSdrRepository repo;
+    repo.load();
+    EXPECT_EQ(repo.records().back().bytes.size(), 260u);
+    EXPECT_EQ(recordsRead(repo), repository().records());
+}
+
+TEST_F(Sdr, RecordTooLongForOneByteOffsetsInTinyPiecesIsAnErrorNotAWrappedRead) {
+    std::string line = "sdr-record c0";
+    for (int i = 0; i < 255; ++i) line += " 5a";
+    describe(line);
+    describe("sdr-max-read 4");
+    QelSdrRepository repo;
+    try {
+        repo.load();
+        FAIL() << "no QelSdrError";
+    } catch (const QelSdrError& e) {
+        EXPECT_THAT(e.errorText, HasSubstr("is 260 bytes long; its bytes from offset 256 on cannot be asked for"));
+    }
+}
+
 TEST_F(Sdr, ControllerThatRefusesEveryReadIsAClearError) {
     patchGetSdr([](const Request&, Response& r) { r = {cc::cannotReturnRequestedBytes}; });
     QelSdrRepository repo;
@@ -424,6 +448,14 @@ TEST(SdrIdentity, TakenFromAGetDeviceIdAnswerWithoutTheSupportByteOrAuxiliaryRev
     EXPECT_TRUE(QelSdrRepository::identityFromDeviceId({0x00, 0x20, 0x81}).empty());
 }
 
+TEST_F(SdrCache, GetDeviceIdUnansweredStillReadsTheRepository) {
+    sim->injectFault(Fault::noReply().forCommand(netfn::app, cmd::getDeviceId));
+    QelSdrRepository repo(directory);
+    repo.load();
+    EXPECT_EQ(recordsRead(repo), repository().records());
+    EXPECT_TRUE(anyNoteHas(repo, "cannot tell this controller from another")) << notesOf(repo);
+}
+
 TEST_F(SdrCache, ChangedRepositoryIsReadAgain) {
     fresh().load();
     describe("sdr-rename 0x01 \"CPU0 Temp\"");
@@ -545,60 +577,6 @@ TEST_F(SdrCache, RewriteReplacesTheFileWhole) {
     // A new file renamed into place, never the old one rewritten in place.
     EXPECT_NE(before.st_ino, after.st_ino);
     EXPECT_EQ(filesIn(root.path() + directory).size(), 1u);
-}
-
-// ---------------------------------------------------------------- the simulated repository
-
-TEST_F(Sdr, SimulatedRepositoryAnswersAllocationInfoAndSensorReadings) {
-    QelSdrRepository repo;
-    repo.load();
-    qelSim::Request r;
-    r.netFn = storage;
-    r.cmd = cmd::getSdrRepositoryAllocationInfo;
-    const Response alloc = sim->dispatch(r);
-    ASSERT_EQ(alloc.size(), allocationInfo::responseSize);
-    EXPECT_EQ(alloc[0], cc::ok);
-    EXPECT_EQ(le16(alloc, allocationInfo::unitSize), 16);
-    r.netFn = netfn::sensorEvent;
-    r.cmd = cmd::getSensorReading;
-    r.data = {0x10};
-    const Response fan = sim->dispatch(r);
-    ASSERT_GE(fan.size(), 3u);
-    EXPECT_EQ(fan[1], 150);
-    r.data = {0x80};
-    EXPECT_EQ(sim->dispatch(r), Response{cc::requestedDataNotPresent});
-    describe("sensor-reading 0x10 5");
-    r.data = {0x10};
-    const Response low = sim->dispatch(r);
-    EXPECT_EQ(low[1], 5);
-    EXPECT_EQ(low[3], threshold::lowerCritical);
-}
-
-TEST_F(Sdr, SimulatedRepositoryRefusesStaleReservationsAndBadRequests) {
-    qelSim::Request r;
-    r.netFn = storage;
-    r.cmd = cmd::reserveSdrRepository;
-    const Response first = sim->dispatch(r);
-    const Response second = sim->dispatch(r);
-    r.cmd = cmd::getSdr;
-    r.data = {first[1], first[2], 0x01, 0x00, 0x05, 0x04};
-    EXPECT_EQ(sim->dispatch(r), Response{cc::reservationCancelled});
-    r.data = {second[1], second[2], 0x01, 0x00, 0x05, 0x04};
-    EXPECT_EQ(sim->dispatch(r)[0], cc::ok);
-    r.data = {0x00, 0x00, 0x01, 0x00, 0x05, 0x04};  // no reservation for a partial read
-    EXPECT_EQ(sim->dispatch(r), Response{cc::reservationCancelled});
-    r.data = {0x00, 0x00, 0x02, 0x00, 0x00, 0x05};  // no record 2
-    EXPECT_EQ(sim->dispatch(r), Response{cc::requestedDataNotPresent});
-    r.data = {0x00, 0x00, 0x01};
-    EXPECT_EQ(sim->dispatch(r), Response{cc::requestDataLengthInvalid});
-    r.data = {0x00, 0x00, 0xFF, 0xFF, 0x00, 0xFF};  // the last record, whole
-    const Response last = sim->dispatch(r);
-    EXPECT_EQ(last[0], cc::ok);
-    EXPECT_EQ(le16(last, 1), lastRecordId);
-    EXPECT_EQ(qelSim::Bytes(last.begin() + 3, last.end()), repository().records().back());
-    EXPECT_THROW(describe("sensor 0x99 nonsense X"), std::invalid_argument);
-    EXPECT_THROW(describe("sdr-rename 0x99 X"), std::invalid_argument);
-    EXPECT_THROW(describe("sensor 0x99 fan \"unterminated"), std::invalid_argument);
 }
 
 }  // namespace

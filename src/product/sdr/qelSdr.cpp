@@ -151,6 +151,11 @@ private:
         Bytes out;
         while (out.size() < count) {
             const unsigned int at = offset + static_cast<unsigned int>(out.size());
+            // The offset is one byte: a record whose pieces would start past
+            // it cannot be read, and a wrapped offset would read the wrong bytes.
+            if (at > 0xFF)
+                QEL_THROW(QelSdrError, "Get SDR: record " + hex16(id) + " is " + std::to_string(offset + count) +
+                                           " bytes long; its bytes from offset 256 on cannot be asked for");
             const std::size_t want = std::min<std::size_t>(count - out.size(), readSize_);
             Bytes request(getSdr::requestSize);
             request[getSdr::requestReservation] = static_cast<uint8_t>(reservation_ & 0xFF);
@@ -491,8 +496,13 @@ void QelSdrRepository::load() {
                 if (const unsigned char* known = qelIpmi::QelIpmiDeviceIdData::data)
                     identity = identityFromDeviceId(Bytes(known, known + qelIpmi::deviceId::responseSize));
             }
-            if (identity.empty())
-                identity = identityFromDeviceId(session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID"));
+            if (identity.empty()) {
+                try {
+                    identity = identityFromDeviceId(session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID"));
+                } catch (const QelSdrError&) {
+                    // No answer: noted below; the repository can still be read.
+                }
+            }
             if (identity.empty())
                 notes.push_back("Get Device ID failed; the SDR cache cannot tell this controller from another");
         }
