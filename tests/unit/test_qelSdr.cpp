@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -347,6 +348,41 @@ TEST_F(Sdr, RefusalsAndSilenceAreErrorsNamingTheCommand) {
     } catch (const QelSdrError& e) {
         EXPECT_THAT(e.errorText, HasSubstr("0xC1 invalid command"));
     }
+}
+
+TEST_F(Sdr, DamagedRepliesGiveErrorsNeverACrashOrAHang) {
+    // Every Get SDR answer cut short, lengthened or with a byte changed, at
+    // random: the load ends with the records or a QelSdrError.
+    std::mt19937 random(1126);
+    patchGetSdr([&random](const Request&, Response& r) {
+        switch (random() % 4) {
+        case 0:
+            r.resize(1 + random() % r.size());
+            break;
+        case 1:
+            r.push_back(static_cast<unsigned char>(random()));
+            break;
+        case 2:
+            r[random() % r.size()] = static_cast<unsigned char>(random());
+            break;
+        default:
+            break;
+        }
+    });
+    int loaded = 0;
+    int refused = 0;
+    for (int i = 0; i < 300; ++i) {
+        QelSdrRepository repo;
+        try {
+            repo.load();
+            ++loaded;
+        } catch (const QelSdrError& e) {
+            EXPECT_FALSE(e.errorText.empty());
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_EQ(loaded + refused, 300);
 }
 
 TEST_F(Sdr, FailedLoadKeepsWhatWasReadBefore) {

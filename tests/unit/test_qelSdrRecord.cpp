@@ -1,6 +1,8 @@
 // Sensor Data Records taken apart from hand-made bytes: the three sensor
 // record types, the shared-sensor names, ID string encodings, texts that are
 // not safe to print, and records too short for their type.
+#include <random>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -287,6 +289,44 @@ TEST(SdrRecord, SensorNamesSkipBrokenRecordsAndSayWhy) {
     EXPECT_EQ(cpu2->name, "CPU2");
     EXPECT_EQ(findSensor(names, 0x20, 1, 0x71), nullptr);
     EXPECT_EQ(findSensor(names, 0x20, 0, 0x73), nullptr);
+}
+
+TEST(SdrRecord, ArbitraryBytesParseOrFailCleanly) {
+    // Whatever a controller or a damaged cache holds: a record, a clear
+    // error, never a read past the bytes (the sanitizer build checks that).
+    std::mt19937 random(20261126);
+    int parsed = 0;
+    int refused = 0;
+    for (int i = 0; i < 20000; ++i) {
+        Bytes b(random() % 72);
+        for (uint8_t& byte : b) byte = static_cast<uint8_t>(random());
+        if (b.size() >= header::size && (i % 2) == 0) {
+            b[header::type] = static_cast<uint8_t>(1 + random() % 3);
+            b[header::length] = static_cast<uint8_t>(b.size() - header::size);
+        }
+        try {
+            const SdrRecord r = SdrRecord::fromBytes(b);
+            (void)r.idString();
+            if (r.isSensor()) {
+                for (const SensorName& n : SensorRecord::fromRecord(r).names()) (void)n.escaped();
+            }
+            ++parsed;
+        } catch (const QelSdrError& e) {
+            EXPECT_FALSE(e.errorText.empty());
+            ++refused;
+        }
+    }
+    EXPECT_GT(parsed, 1000);
+    EXPECT_GT(refused, 1000);
+}
+
+TEST(SdrRecord, EscapedTextsHoldNoControlBytes) {
+    std::mt19937 random(7);
+    for (int i = 0; i < 5000; ++i) {
+        std::string raw(random() % 20, '\0');
+        for (char& c : raw) c = static_cast<char>(random());
+        for (unsigned char c : escapeText(raw)) EXPECT_TRUE(c >= 0x20 && c != 0x7F) << int(c);
+    }
 }
 
 }  // namespace

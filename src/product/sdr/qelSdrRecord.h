@@ -9,8 +9,8 @@
 // by recordTypeName(). Texts from the controller are data: an ID string keeps
 // its raw bytes, and escapeText() gives a form that is safe to print or log.
 //
-// Byte positions below count from 0 at the start of the header, so they are
-// the IPMI table's byte numbers minus one.
+// Byte positions below count from 0 at the start of the header, one less than
+// the 1-based byte numbers these records are usually described by.
 #ifndef QEL_SDR_RECORD_H
 #define QEL_SDR_RECORD_H
 
