@@ -154,7 +154,8 @@ TEST_F(Sdr, NamesEverySensorOfTheRepository) {
     for (const SensorName& n : repo.sensorNames()) names.push_back(n.name);
     EXPECT_EQ(names, (std::vector<std::string>{"CPU1 Temp", "FAN1", "12V", "PSU1 Status", "CPU1", "CPU2", "CPU3",
                                                "OS Boot"}));
-    const SensorName* cpu3 = findSensor(repo.sensorNames(), 0x20, 0, 0x72);
+    const std::vector<SensorName> all = repo.sensorNames();
+    const SensorName* cpu3 = findSensor(all, 0x20, 0, 0x72);
     ASSERT_NE(cpu3, nullptr);
     EXPECT_EQ(cpu3->name, "CPU3");
     EXPECT_EQ(cpu3->recordId, 13);
@@ -409,7 +410,8 @@ TEST_F(Sdr, UnsafeSensorNamesComeThroughAsBytesAndEscaped) {
     describe("sdr-rename 0x10 \"FAN\\x0a\\\"1\\\"\\x1b\\xff\"");
     QelSdrRepository repo;
     repo.load();
-    const SensorName* fan = findSensor(repo.sensorNames(), 0x20, 0, 0x10);
+    const std::vector<SensorName> all = repo.sensorNames();
+    const SensorName* fan = findSensor(all, 0x20, 0, 0x10);
     ASSERT_NE(fan, nullptr);
     EXPECT_EQ(fan->name, "FAN\n\"1\"\x1b\xff");
     EXPECT_EQ(fan->escaped(), "FAN\\x0a\\\"1\\\"\\x1b\\xff");

@@ -423,11 +423,14 @@ QEL_EXPORT std::string instanceModifier(uint8_t type, unsigned int offsetPlusInd
 QEL_EXPORT std::vector<SensorName> sensorNames(const std::vector<SdrRecord>& records,
                                                std::vector<std::string>* problems = nullptr);
 
-// The entry of `names` for the sensor an event names (owner ID as the event's
-// generator ID byte, LUN, sensor number), or null. The channel is not
-// compared: a system event record carries it only for IPMB owners.
+// The entry of `names` for the sensor an event names (owner ID as the
+// event's generator ID byte, LUN, sensor number), or null. The channel is not
+// compared: a system event record carries it only for IPMB owners. The
+// pointer is into `names`, so a temporary list is refused.
 QEL_EXPORT const SensorName* findSensor(const std::vector<SensorName>& names, uint8_t ownerId,
                                         uint8_t ownerLun, uint8_t sensorNumber);
+const SensorName* findSensor(std::vector<SensorName>&& names, uint8_t ownerId, uint8_t ownerLun,
+                             uint8_t sensorNumber) = delete;
 
 }  // namespace qelSdr
 
