@@ -19,6 +19,7 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerBoardCommands(*this);
     registerSystemInfoCommands(*this);
     registerSdrCommands(*this);
+    registerSelCommands(*this);
     // Keywords and dump sections for the models above that have none of
     // their own; after them, so their sections come last in the dump.
     registerModelDescriptions(*this);
@@ -32,6 +33,11 @@ void SimBmc::setHandler(unsigned char netFn, unsigned char cmd, Handler handler)
 void SimBmc::removeHandler(unsigned char netFn, unsigned char cmd) {
     Lock lock(mutex_);
     handlers_.erase({netFn, cmd});
+}
+
+void SimBmc::removeHandlers(unsigned char netFn) {
+    Lock lock(mutex_);
+    handlers_.erase(handlers_.lower_bound({netFn, 0}), handlers_.upper_bound({netFn, 0xFF}));
 }
 
 Response SimBmc::dispatch(const Request& request) {

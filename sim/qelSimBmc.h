@@ -41,6 +41,7 @@ class SimIdentity;  // qelSimIdentity.h
 class SimBoard;  // qelSimBoard.h
 class SimSystemInfo;  // qelSimSystemInfo.h
 class SimSdr;  // qelSimSdr.h
+class SimSel;  // qelSimSel.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -139,6 +140,8 @@ public:
     // ---- command handlers
     void setHandler(unsigned char netFn, unsigned char cmd, Handler handler);
     void removeHandler(unsigned char netFn, unsigned char cmd);
+    // Every command of `netFn` answers 0xC1 from now on.
+    void removeHandlers(unsigned char netFn);
     // Runs the handler for `request` (0xC1 when there is none). Not recorded.
     Response dispatch(const Request& request);
 
@@ -213,6 +216,8 @@ public:
 
     // ---- the Sensor Data Record repository and its sensors (qelSimSdr.h)
     SimSdr& sdr();
+    // ---- the System Event Log (qelSimSel.h)
+    SimSel& sel();
 
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
@@ -262,6 +267,7 @@ private:
     std::shared_ptr<SimBoard> board_;
     std::shared_ptr<SimSystemInfo> systemInfo_;
     std::shared_ptr<SimSdr> sdr_;
+    std::shared_ptr<SimSel> sel_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -274,6 +280,9 @@ void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
 void registerSystemInfoCommands(SimBmc& bmc);
 void registerSdrCommands(SimBmc& bmc);
+// After the board and the watchdog: it takes over the Platform Event
+// handler (the board still answers first) and logs the watchdog's expiries.
+void registerSelCommands(SimBmc& bmc);
 // Description keywords and dump sections of the watchdog, configuration
 // space, FRU/PNI and LAN models (qelSimModelDescriptions.h).
 void registerModelDescriptions(SimBmc& bmc);

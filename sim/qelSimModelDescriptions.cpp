@@ -18,6 +18,7 @@
 
 #include "qelIpmiCommands.h"
 #include "qelSdrRecord.h"
+#include "qelSelRecord.h"
 #include "qelSimBoard.h"
 #include "qelSimConfSpace.h"
 #include "qelSimDescription.h"
@@ -141,6 +142,15 @@ const CommandName commandNames[] = {
     {netfn::app, cmd::getWatchdogTimer, "Get Watchdog Timer"},
     {netfn::app, cmd::getChannelInfo, "Get Channel Info"},
     {netfn::sensorEvent, cmd::platformEvent, "Platform Event (OS status to the board)"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelInfo, "Get SEL Info"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelAllocationInfo, "Get SEL Allocation Info"},
+    {qelSel::netfn::storage, qelSel::cmd::reserveSel, "Reserve SEL"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelEntry, "Get SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::addSelEntry, "Add SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::deleteSelEntry, "Delete SEL Entry"},
+    {qelSel::netfn::storage, qelSel::cmd::clearSel, "Clear SEL"},
+    {qelSel::netfn::storage, qelSel::cmd::getSelTime, "Get SEL Time"},
+    {qelSel::netfn::storage, qelSel::cmd::setSelTime, "Set SEL Time"},
     {netfn::storage, cmd::getFruInventoryAreaInfo, "Get FRU Inventory Area Info"},
     {netfn::storage, cmd::readFruData, "Read FRU Data"},
     {netfn::storage, cmd::writeFruData, "Write FRU Data"},
@@ -388,6 +398,19 @@ void dumpLan(const SimLan& lan, std::ostream& out) {
 
 void addKeywords(SimBmc& bmc) {
     SimBmc* b = &bmc;
+    // A controller of another make knows none of the vendor's commands: no
+    // configuration space, no management board, no PNI locate, no EEPROM
+    // records. Once removed they stay removed for the controller's life.
+    bmc.addKeyword("vendor-commands",
+                   "vendor-commands on|off: off: every vendor OEM command answers 0xC1 (a controller of another make)",
+                   [b](const std::vector<std::string>& w) {
+                       needWords(w, 1, "vendor-commands");
+                       if (w[0] == "on") return;
+                       if (w[0] != "off") throw std::invalid_argument("vendor-commands takes on or off");
+                       b->removeHandlers(netfn::oemGroup);
+                       b->removeHandlers(netfn::oemBoard);
+                       b->removeHandlers(netfn::oemPni);
+                   });
     bmc.addKeyword("watchdog-state", "watchdog-state B0..B7: the watchdog as the 8 bytes of a Get answer (hex)",
                    [b](const std::vector<std::string>& w) {
                        needWords(w, 8, "watchdog-state");

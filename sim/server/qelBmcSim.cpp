@@ -36,6 +36,7 @@
 #include <thread>
 #include <vector>
 
+#include "qelSelRecord.h"
 #include "qelSimBmc.h"
 #include "qelSimDescription.h"
 #include "qelSimExternBmc.h"
@@ -64,6 +65,10 @@ const char usageText[] =
     "  deviceid BYTE...      the Get Device ID answer, completion code first (hex)\n"
     "  set KEYWORD WORD...   one controller description line\n"
     "  keywords              the description keywords the controller knows\n"
+    "  sel add BYTE x16      add an event log record as Add SEL Entry does (ID and time set)\n"
+    "  sel add-many N        add N temperature events\n"
+    "  sel clear             erase the event log at once\n"
+    "  sel dump              the event log's state and records\n"
     "  shutdown              end the controller; returns once it is gone\n";
 
 int usage(int status) {
@@ -83,6 +88,35 @@ std::string joined(const std::vector<std::string>& words, std::size_t from) {
 }
 
 // ---------------------------------------------------------------- ctl
+
+// The event log's section of the dump: the lines between "[sel]" and the
+// next section.
+std::string selSection(const std::string& dump) {
+    const std::size_t start = dump.find("[sel]\n");
+    if (start == std::string::npos) return "";
+    const std::size_t body = start + 6;
+    const std::size_t end = dump.find("\n[", body);
+    return dump.substr(body, end == std::string::npos ? std::string::npos : end + 1 - body);
+}
+
+// ctl sel ...: the event log's description keywords, spelled as commands.
+int selControl(qelSim::SimControlClient& ctl, const std::vector<std::string>& args) {
+    const std::string& what = args[1];
+    if (what == "add" && args.size() == 2 + qelSel::recordSize) {
+        ctl.describe("sel-add " + joined(args, 2));
+    } else if (what == "record" && args.size() == 2 + qelSel::recordSize) {
+        ctl.describe("sel-record " + joined(args, 2));
+    } else if (what == "add-many" && args.size() == 3) {
+        ctl.describe("sel-add-many " + args[2]);
+    } else if (what == "clear" && args.size() == 2) {
+        ctl.describe("sel-clear");
+    } else if (what == "dump" && args.size() == 2) {
+        std::fputs(selSection(ctl.dump()).c_str(), stdout);
+    } else {
+        return usage(2);
+    }
+    return std::fflush(stdout) == 0 ? 0 : 1;
+}
 
 int control(const std::string& socketPath, const std::vector<std::string>& args) {
     if (args.empty()) return usage(2);
@@ -108,6 +142,8 @@ int control(const std::string& socketPath, const std::vector<std::string>& args)
             ctl.setDeviceId(qelSim::parseHexBytes(args, 1));
         } else if (cmd == "set" && args.size() >= 2) {
             ctl.describe(joined(args, 1));
+        } else if (cmd == "sel" && args.size() >= 2) {
+            return selControl(ctl, args);
         } else if (cmd == "keywords" && args.size() == 1) {
             std::fputs(ctl.keywords().c_str(), stdout);
         } else if (cmd == "shutdown" && args.size() == 1) {
