@@ -1,6 +1,7 @@
 #include "qelSimBmc.h"
 
 #include "qelIpmiCommands.h"
+#include "qelSimSdr.h"
 #include "qelSimSystemInfo.h"
 
 namespace qelSim {
@@ -17,6 +18,7 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     // After the identity: the board answers the slot query once it has a slot.
     registerBoardCommands(*this);
     registerSystemInfoCommands(*this);
+    registerSdrCommands(*this);
     registerSelCommands(*this);
     // Keywords and dump sections for the models above that have none of
     // their own; after them, so their sections come last in the dump.

@@ -40,6 +40,7 @@ class SimLan;  // qelSimLan.h
 class SimIdentity;  // qelSimIdentity.h
 class SimBoard;  // qelSimBoard.h
 class SimSystemInfo;  // qelSimSystemInfo.h
+class SimSdr;  // qelSimSdr.h
 class SimSel;  // qelSimSel.h
 
 using Bytes = std::vector<unsigned char>;
@@ -213,6 +214,8 @@ public:
     // ---- the standard System Info Parameters (qelSimSystemInfo.h)
     SimSystemInfo& systemInfo();
 
+    // ---- the Sensor Data Record repository and its sensors (qelSimSdr.h)
+    SimSdr& sdr();
     // ---- the System Event Log (qelSimSel.h)
     SimSel& sel();
 
@@ -263,6 +266,7 @@ private:
     std::shared_ptr<SimIdentity> identity_;
     std::shared_ptr<SimBoard> board_;
     std::shared_ptr<SimSystemInfo> systemInfo_;
+    std::shared_ptr<SimSdr> sdr_;
     std::shared_ptr<SimSel> sel_;
 };
 
@@ -275,6 +279,7 @@ void registerLanCommands(SimBmc& bmc);
 void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
 void registerSystemInfoCommands(SimBmc& bmc);
+void registerSdrCommands(SimBmc& bmc);
 // After the board and the watchdog: it takes over the Platform Event
 // handler (the board still answers first) and logs the watchdog's expiries.
 void registerSelCommands(SimBmc& bmc);

@@ -18,6 +18,7 @@
 #include <stdexcept>
 
 #include "qelIpmiCommands.h"
+#include "qelSdrRecord.h"
 #include "qelSelRecord.h"
 #include "qelSimBoard.h"
 #include "qelSimConfSpace.h"
@@ -179,6 +180,11 @@ const CommandName commandNames[] = {
     {netfn::oemBoard, cmd::getBoardCapabilities, "board: capabilities"},
     {netfn::oemBoard, cmd::getBoardMac, "board: its MAC"},
     {netfn::oemPni, cmd::pniLocate, "PNI locate"},
+    {qelSdr::netfn::storage, qelSdr::cmd::getSdrRepositoryInfo, "Get SDR Repository Info"},
+    {qelSdr::netfn::storage, qelSdr::cmd::getSdrRepositoryAllocationInfo, "Get SDR Repository Allocation Info"},
+    {qelSdr::netfn::storage, qelSdr::cmd::reserveSdrRepository, "Reserve SDR Repository"},
+    {qelSdr::netfn::storage, qelSdr::cmd::getSdr, "Get SDR"},
+    {qelSdr::netfn::sensorEvent, qelSdr::cmd::getSensorReading, "Get Sensor Reading"},
 };
 
 // One line of the summary: a command, or for the configuration space one

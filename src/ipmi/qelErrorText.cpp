@@ -9,6 +9,7 @@
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
+#include "qelSdrRecord.h"
 #include "qelSystemInfo.h"
 
 namespace qelError {
@@ -33,7 +34,8 @@ std::string textOf(const std::exception& error) {
         takeErrorText<qelSystemInfo::QelSystemInfoError>(error, text) ||
         takeErrorText<QelConfSpaceDataError>(error, text) || takeErrorText<QelBladeInfoError>(error, text) ||
         takeErrorText<QelCondQueueError>(error, text) || takeErrorText<QelAccessControlError>(error, text) ||
-        takeErrorText<qelHostInventory::QelHostInventoryError>(error, text))
+        takeErrorText<qelHostInventory::QelHostInventoryError>(error, text) ||
+        takeErrorText<qelSdr::QelSdrError>(error, text))
         return text;
     return error.what();
 }

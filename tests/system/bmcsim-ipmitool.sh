@@ -117,7 +117,10 @@ if ctl fault sometimes 2>"$work/err"; then fail "an unknown fault was accepted";
 grep -q "unknown fault 'sometimes'" "$work/err" || fail "no clear text for an unknown fault"
 if ctl set bogus 1 2>"$work/err"; then fail "an unknown keyword was accepted"; fi
 grep -q "unknown keyword 'bogus'" "$work/err" || fail "no clear text for an unknown keyword"
-ctl keywords | grep -q '^deviceid' || fail "ctl keywords lacks deviceid"
+# Into a file first: grep -q leaves at the first match, and a list longer
+# than one stdio buffer would then end ctl with SIGPIPE (a failure under pipefail).
+ctl keywords >"$work/keywords" || fail "ctl keywords failed"
+grep -q '^deviceid' "$work/keywords" || fail "ctl keywords lacks deviceid"
 echo "ok: ctl advance, dump, set, keywords"
 
 # ---- clean shutdown

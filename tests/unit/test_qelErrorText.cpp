@@ -16,6 +16,7 @@
 #include "qelIp.h"
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
+#include "qelSdrRecord.h"
 #include "qelSystemInfo.h"
 
 
@@ -41,6 +42,7 @@ TEST(ErrorTextOf, EveryLibraryErrorGivesItsErrorText) {
     expectTextOf<QelCondQueueError>("QelCondQueueError");
     expectTextOf<QelAccessControlError>("QelAccessControlError");
     expectTextOf<qelHostInventory::QelHostInventoryError>("QelHostInventoryError");
+    expectTextOf<qelSdr::QelSdrError>("QelSdrError");
 }
 
 TEST(ErrorTextOf, AnyOtherExceptionGivesWhat) {

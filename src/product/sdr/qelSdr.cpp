@@ -1,0 +1,557 @@
+#include "qelSdr.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <cctype>
+#include <set>
+#include <sstream>
+
+#include "qelIpmi.h"
+#include "qelIpmiCommands.h"
+#include "qelPlatform.h"
+
+#define QEL_SOURCE_NAME "qelSdr"
+
+namespace qelSdr {
+
+namespace {
+
+using qelIpmi::QelIpmi;
+using qelIpmi::QelIpmi_request_msg;
+
+uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint32_t le32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+std::string hex16(uint16_t v) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%04x", v);
+    return text;
+}
+
+std::string ccText(uint8_t code) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", code);
+    const char* name = nullptr;
+    switch (code) {
+    case 0xC0: name = "node busy"; break;
+    case cc::invalidCommand: name = "invalid command"; break;
+    case 0xC3: name = "timeout"; break;
+    case cc::reservationCancelled: name = "reservation cancelled"; break;
+    case cc::requestDataLengthInvalid: name = "request data length invalid"; break;
+    case cc::parameterOutOfRange: name = "parameter out of range"; break;
+    case cc::cannotReturnRequestedBytes: name = "cannot return the requested number of bytes"; break;
+    case cc::requestedDataNotPresent: name = "requested data not present"; break;
+    case cc::invalidDataField: name = "invalid data field"; break;
+    case 0xD5: name = "not supported in the present state"; break;
+    case 0xFF: name = "unspecified error"; break;
+    default: break;
+    }
+    return name ? std::string(text) + " " + name : std::string(text);
+}
+
+// One open device for the whole load, and the count of requests sent on it.
+class Session {
+public:
+    explicit Session(unsigned int& count) : ipmi_(0, 0, QelIpmi::SYSTEM_INTERFACE), count_(count) {}
+
+    // The response, completion code first; throws when none or an empty one came.
+    Bytes call(unsigned char netFn, unsigned char command, const Bytes& data, const std::string& what) {
+        QelIpmi_request_msg msg(netFn, command, static_cast<unsigned short>(data.size()),
+                                data.empty() ? nullptr : data.data());
+        ++count_;
+        if (!ipmi_.sendCmd(msg)) QEL_THROW(QelSdrError, what + ": no answer from the controller");
+        if (msg.responseLength == 0 || msg.responseData == nullptr)
+            QEL_THROW(QelSdrError, what + ": the controller answered without a completion code");
+        return Bytes(msg.responseData, msg.responseData + msg.responseLength);
+    }
+
+private:
+    QelIpmi ipmi_;
+    unsigned int& count_;
+};
+
+RepositoryInfo askInfo(Session& s) {
+    Bytes r = s.call(netfn::storage, cmd::getSdrRepositoryInfo, {}, "Get SDR Repository Info");
+    if (r[0] != cc::ok) QEL_THROW(QelSdrError, "Get SDR Repository Info failed: " + ccText(r[0]));
+    return RepositoryInfo::fromResponse(r);
+}
+
+uint16_t reserve(Session& s) {
+    Bytes r = s.call(netfn::storage, cmd::reserveSdrRepository, {}, "Reserve SDR Repository");
+    if (r[0] != cc::ok) QEL_THROW(QelSdrError, "Reserve SDR Repository failed: " + ccText(r[0]));
+    if (r.size() < reserve::responseSize)
+        QEL_THROW(QelSdrError, "Reserve SDR Repository: the answer has " + std::to_string(r.size()) +
+                                   " bytes, a reservation ID needs 3");
+    return le16(&r[reserve::responseReservation]);
+}
+
+// Reads the whole repository by next-record IDs.
+class Reader {
+public:
+    Reader(Session& s, unsigned int& readSize, std::vector<std::string>& notes)
+        : s_(s), readSize_(readSize), notes_(notes) {}
+
+    std::vector<SdrRecord> readAll() {
+        reservation_ = reserve(s_);
+        std::vector<SdrRecord> records;
+        std::set<uint16_t> seen;
+        uint16_t id = firstRecordId;
+        while (id != lastRecordId) {
+            if (!seen.insert(id).second)
+                QEL_THROW(QelSdrError, "Get SDR: the controller leads back to record " + hex16(id) +
+                                           " after " + std::to_string(records.size()) +
+                                           " records (a record ID loop)");
+            uint16_t next = 0;
+            records.push_back(readRecord(id, next));
+            id = next;
+        }
+        return records;
+    }
+
+private:
+    // One record: the header, then the body. A cancelled reservation starts
+    // the record again under a new one.
+    SdrRecord readRecord(uint16_t id, uint16_t& next) {
+        for (;;) {
+            try {
+                Bytes bytes = readBytes(id, 0, header::size, &next);
+                const std::size_t body = bytes[header::length];
+                if (body > 0) {
+                    Bytes rest = readBytes(id, header::size, body, nullptr);
+                    bytes.insert(bytes.end(), rest.begin(), rest.end());
+                }
+                return SdrRecord::fromBytes(std::move(bytes));
+            } catch (const Cancelled&) {
+                if (++reservations_ > QelSdrRepository::maxReservations)
+                    QEL_THROW(QelSdrError, "Get SDR: the reservation was cancelled " +
+                                               std::to_string(reservations_) +
+                                               " times while reading record " + hex16(id) + "; giving up");
+                notes_.push_back("SDR reservation cancelled while reading record " + hex16(id) +
+                                 " (the repository changed or another reader reserved it); reserving again");
+                reservation_ = reserve(s_);
+            }
+        }
+    }
+
+    struct Cancelled {};
+
+    // `count` bytes of record `id` from `offset`, in pieces of at most readSize_.
+    Bytes readBytes(uint16_t id, unsigned int offset, std::size_t count, uint16_t* next) {
+        Bytes out;
+        while (out.size() < count) {
+            const unsigned int at = offset + static_cast<unsigned int>(out.size());
+            // The offset is one byte: a record whose pieces would start past
+            // it cannot be read, and a wrapped offset would read the wrong bytes.
+            if (at > 0xFF)
+                QEL_THROW(QelSdrError, "Get SDR: record " + hex16(id) + " is " + std::to_string(offset + count) +
+                                           " bytes long; its bytes from offset 256 on cannot be asked for");
+            const std::size_t want = std::min<std::size_t>(count - out.size(), readSize_);
+            Bytes request(getSdr::requestSize);
+            request[getSdr::requestReservation] = static_cast<uint8_t>(reservation_ & 0xFF);
+            request[getSdr::requestReservation + 1] = static_cast<uint8_t>(reservation_ >> 8);
+            request[getSdr::requestRecordId] = static_cast<uint8_t>(id & 0xFF);
+            request[getSdr::requestRecordId + 1] = static_cast<uint8_t>(id >> 8);
+            request[getSdr::requestOffset] = static_cast<uint8_t>(at);
+            request[getSdr::requestCount] = static_cast<uint8_t>(want);
+            const std::string what = "Get SDR of record " + hex16(id) + " at offset " + std::to_string(at);
+            Bytes r = s_.call(netfn::storage, cmd::getSdr, request, what);
+            if (r[0] == cc::reservationCancelled) throw Cancelled{};
+            if (r[0] == cc::cannotReturnRequestedBytes) {
+                if (want <= 1) QEL_THROW(QelSdrError, what + ": the controller refuses even one byte (" + ccText(r[0]) + ")");
+                const unsigned int smaller = want > fallbackSize ? fallbackSize : static_cast<unsigned int>(want / 2);
+                notes_.push_back("Get SDR: the controller cannot return " + std::to_string(want) +
+                                 " bytes at once; reading " + std::to_string(smaller) + " at a time");
+                readSize_ = smaller;
+                continue;
+            }
+            if (r[0] != cc::ok) QEL_THROW(QelSdrError, what + " failed: " + ccText(r[0]));
+            if (r.size() != getSdr::responseData + want)
+                QEL_THROW(QelSdrError, what + ": asked for " + std::to_string(want) + " bytes, the answer holds " +
+                                           (r.size() < getSdr::responseData
+                                                ? std::string("no next record ID")
+                                                : std::to_string(r.size() - getSdr::responseData)));
+            if (next != nullptr && out.empty()) *next = le16(&r[getSdr::responseNextId]);
+            out.insert(out.end(), r.begin() + getSdr::responseData, r.end());
+        }
+        return out;
+    }
+
+    static constexpr unsigned int fallbackSize = QelSdrRepository::fallbackReadSize;
+    Session& s_;
+    unsigned int& readSize_;
+    std::vector<std::string>& notes_;
+    uint16_t reservation_ = 0;
+    unsigned int reservations_ = 0;
+};
+
+// ---------------------------------------------------------------- cache file
+//
+// Text, so an administrator can read it:
+//   qel-sdr-cache 1
+//   controller 20 01 81 07 02 d9 7e 00 34 12
+//   repository 51 9 1700000123 0
+//   record 01 00 51 01 35 20 00 01 ...
+//   end 9 5f3a09c2
+// The end line holds the number of records and the FNV-1a hash of every byte
+// before it: a file cut short or changed anywhere is not taken.
+
+constexpr const char* cacheMagic = "qel-sdr-cache 1";
+// Far above any repository (65535 records of 260 bytes in hex).
+constexpr off_t maxCacheSize = 64L * 1024 * 1024;
+
+uint32_t fnv1a(const std::string& text) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : text) {
+        h ^= c;
+        h *= 16777619u;
+    }
+    return h;
+}
+
+std::string hexBytes(const Bytes& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (uint8_t b : bytes) {
+        if (!out.empty()) out += ' ';
+        out += digits[b >> 4];
+        out += digits[b & 0x0F];
+    }
+    return out;
+}
+
+// Strict: two hex digits per word, nothing else.
+bool parseHexWords(std::istringstream& in, Bytes& out) {
+    for (std::string w; in >> w;) {
+        if (w.size() != 2 || !std::isxdigit(static_cast<unsigned char>(w[0])) ||
+            !std::isxdigit(static_cast<unsigned char>(w[1])))
+            return false;
+        out.push_back(static_cast<uint8_t>(std::strtoul(w.c_str(), nullptr, 16)));
+    }
+    return true;
+}
+
+bool parseUnsigned(const std::string& word, unsigned long max, unsigned long& out) {
+    if (word.empty() || word.size() > 10 || word.find_first_not_of("0123456789") != std::string::npos) return false;
+    out = std::strtoul(word.c_str(), nullptr, 10);
+    return out <= max;
+}
+
+std::string formatCache(const Bytes& identity, const RepositoryInfo& info, const std::vector<SdrRecord>& records) {
+    std::ostringstream out;
+    char version[4];
+    std::snprintf(version, sizeof version, "%02x", info.version);
+    out << cacheMagic << '\n';
+    out << "controller" << (identity.empty() ? "" : " ") << hexBytes(identity) << '\n';
+    out << "repository " << version << ' ' << info.recordCount << ' ' << info.lastAddition << ' '
+        << info.lastErase << '\n';
+    for (const SdrRecord& r : records) out << "record " << hexBytes(r.bytes) << '\n';
+    std::string text = out.str();
+    char end[48];
+    std::snprintf(end, sizeof end, "end %zu %08x\n", records.size(), fnv1a(text));
+    return text + end;
+}
+
+struct CacheContents {
+    Bytes identity;
+    RepositoryInfo info;
+    std::vector<SdrRecord> records;
+};
+
+// Why the file is not usable, or empty when `out` was filled.
+std::string parseCache(const std::string& text, CacheContents& out) {
+    const std::size_t endAt = text.rfind("\nend ");
+    if (text.compare(0, std::strlen(cacheMagic) + 1, std::string(cacheMagic) + "\n") != 0)
+        return "not a cache file of this program (foreign or of another format)";
+    if (endAt == std::string::npos || text.empty() || text.back() != '\n')
+        return "truncated (no end line)";
+    const std::string body = text.substr(0, endAt + 1);
+    {
+        std::istringstream end(text.substr(endAt + 1));
+        std::string word, countWord, hashWord, extra;
+        end >> word >> countWord >> hashWord;
+        unsigned long count = 0;
+        if (word != "end" || !parseUnsigned(countWord, 0xFFFF, count) || hashWord.size() != 8 || (end >> extra))
+            return "corrupt (bad end line)";
+        char hash[16];
+        std::snprintf(hash, sizeof hash, "%08x", fnv1a(body));
+        if (hashWord != hash) return "corrupt (its checksum does not match its contents)";
+        out.records.reserve(count);
+        std::istringstream lines(body);
+        std::string line;
+        std::getline(lines, line);  // the magic line
+        int number = 1;
+        bool haveController = false;
+        bool haveRepository = false;
+        while (std::getline(lines, line)) {
+            ++number;
+            std::istringstream in(line);
+            std::string key;
+            in >> key;
+            const std::string where = "corrupt (line " + std::to_string(number) + ")";
+            if (key == "controller" && !haveController) {
+                if (!parseHexWords(in, out.identity)) return where;
+                haveController = true;
+            } else if (key == "repository" && !haveRepository) {
+                std::string v, n, a, e, extra2;
+                in >> v >> n >> a >> e;
+                unsigned long count2 = 0, addition = 0, erase = 0;
+                if (v.size() != 2 || !std::isxdigit(static_cast<unsigned char>(v[0])) ||
+                    !std::isxdigit(static_cast<unsigned char>(v[1])) || !parseUnsigned(n, 0xFFFF, count2) ||
+                    !parseUnsigned(a, 0xFFFFFFFFul, addition) || !parseUnsigned(e, 0xFFFFFFFFul, erase) ||
+                    (in >> extra2))
+                    return where;
+                out.info.version = static_cast<uint8_t>(std::strtoul(v.c_str(), nullptr, 16));
+                out.info.recordCount = static_cast<uint16_t>(count2);
+                out.info.lastAddition = static_cast<uint32_t>(addition);
+                out.info.lastErase = static_cast<uint32_t>(erase);
+                haveRepository = true;
+            } else if (key == "record" && haveRepository) {
+                Bytes bytes;
+                if (!parseHexWords(in, bytes)) return where;
+                try {
+                    out.records.push_back(SdrRecord::fromBytes(std::move(bytes)));
+                } catch (const QelSdrError& e) {
+                    return where + ": " + e.errorText;
+                }
+            } else {
+                return where;
+            }
+        }
+        if (!haveController || !haveRepository) return "corrupt (no controller or repository line)";
+        if (out.records.size() != count) return "corrupt (the end line counts another number of records)";
+    }
+    return std::string();
+}
+
+// The file's contents, or an empty string with `error` set (ENOENT: none).
+std::string readFile(const std::string& path, int& error) {
+    error = 0;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = errno;
+        return std::string();
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > maxCacheSize) {
+        error = EINVAL;
+        ::close(fd);
+        return std::string();
+    }
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            error = errno;
+            ::close(fd);
+            return std::string();
+        }
+        if (n == 0) break;
+        text.append(buffer, static_cast<std::size_t>(n));
+        if (static_cast<off_t>(text.size()) > maxCacheSize) {
+            error = EINVAL;
+            break;
+        }
+    }
+    ::close(fd);
+    return text;
+}
+
+// mkdir -p for the part of `path` below the root prefix.
+int makeDirectories(const std::string& root, const std::string& path) {
+    std::size_t at = root.size();
+    while (at < path.size()) {
+        const std::size_t slash = path.find('/', at + 1);
+        const std::string part = path.substr(0, slash == std::string::npos ? path.size() : slash);
+        if (!part.empty() && ::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+        if (slash == std::string::npos) break;
+        at = slash;
+    }
+    return 0;
+}
+
+bool writeAll(int fd, const std::string& text) {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Writes `text` to `path` through a temporary file in the same directory:
+// written, flushed to the disk, then renamed over the old file. 0 or an errno value.
+int writeAtomically(const std::string& root, const std::string& directory, const std::string& path,
+                    const std::string& text) {
+    if (int e = makeDirectories(root, directory)) return e;
+    std::string pattern = directory + "/." + QelSdrRepository::cacheFileName + ".XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    const int fd = ::mkstemp(name.data());
+    if (fd < 0) return errno;
+    int error = 0;
+    if (::fchmod(fd, 0644) != 0 || !writeAll(fd, text) || ::fsync(fd) != 0) error = errno ? errno : EIO;
+    if (::close(fd) != 0 && error == 0) error = errno;
+    if (error == 0 && ::rename(name.data(), path.c_str()) != 0) error = errno;
+    if (error != 0) {
+        ::unlink(name.data());
+        return error;
+    }
+    // The rename itself is durable once the directory is.
+    const int dirFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd >= 0) {
+        (void)::fsync(dirFd);
+        ::close(dirFd);
+    }
+    return 0;
+}
+
+std::string describeChange(const RepositoryInfo& cached, const RepositoryInfo& now) {
+    std::ostringstream out;
+    if (cached.version != now.version) out << " version " << int(cached.version) << " -> " << int(now.version);
+    if (cached.recordCount != now.recordCount) out << " records " << cached.recordCount << " -> " << now.recordCount;
+    if (cached.lastAddition != now.lastAddition)
+        out << " last addition " << cached.lastAddition << " -> " << now.lastAddition;
+    if (cached.lastErase != now.lastErase) out << " last erase " << cached.lastErase << " -> " << now.lastErase;
+    return out.str();
+}
+
+}  // namespace
+
+bool RepositoryInfo::sameContents(const RepositoryInfo& other) const {
+    return version == other.version && recordCount == other.recordCount && lastAddition == other.lastAddition &&
+           lastErase == other.lastErase;
+}
+
+RepositoryInfo RepositoryInfo::fromResponse(const Bytes& r) {
+    if (r.size() < repositoryInfo::responseSize)
+        QEL_THROW(QelSdrError, "Get SDR Repository Info: the answer has " + std::to_string(r.size()) +
+                                   " bytes, it needs " + std::to_string(repositoryInfo::responseSize));
+    RepositoryInfo info;
+    info.version = r[repositoryInfo::version];
+    info.recordCount = le16(&r[repositoryInfo::recordCount]);
+    info.freeSpace = le16(&r[repositoryInfo::freeSpace]);
+    info.lastAddition = le32(&r[repositoryInfo::lastAddition]);
+    info.lastErase = le32(&r[repositoryInfo::lastErase]);
+    info.support = r[repositoryInfo::support];
+    return info;
+}
+
+QelSdrRepository::QelSdrRepository(std::string cacheDirectory) : cacheDirectory_(std::move(cacheDirectory)) {
+    while (cacheDirectory_.size() > 1 && cacheDirectory_.back() == '/') cacheDirectory_.pop_back();
+}
+
+void QelSdrRepository::setControllerIdentity(Bytes identity) { identity_ = std::move(identity); }
+
+Bytes QelSdrRepository::identityFromDeviceId(const Bytes& response) {
+    // Device ID, revision, firmware (2), IPMI version, then manufacturer (3)
+    // and product (2); the device support byte (6) says nothing about which
+    // controller this is.
+    if (response.size() < 12 || response[0] != cc::ok) return Bytes();
+    Bytes identity(response.begin() + 1, response.begin() + 6);
+    identity.insert(identity.end(), response.begin() + 7, response.begin() + 12);
+    return identity;
+}
+
+std::string QelSdrRepository::cachePath() const {
+    if (cacheDirectory_.empty()) return std::string();
+    return qelPlatform::platform().path(cacheDirectory_ + "/" + cacheFileName);
+}
+
+std::vector<SensorName> QelSdrRepository::sensorNames(std::vector<std::string>* problems) const {
+    return qelSdr::sensorNames(records_, problems);
+}
+
+void QelSdrRepository::load() {
+    unsigned int requests = 0;
+    unsigned int readSize = readSize_;
+    std::vector<std::string> notes;
+    Bytes identity = identity_;
+    std::vector<SdrRecord> records;
+    bool fromCache = false;
+    RepositoryInfo info;
+    try {
+        Session session(requests);
+        info = askInfo(session);
+        const std::string path = cachePath();
+        if (!path.empty() && identity.empty()) {
+            // The process's Get Device ID answer, when someone asked already,
+            // costs no request.
+            {
+                std::lock_guard<std::mutex> lock(qelIpmi::QelIpmiDeviceIdData::base_mutex);
+                if (const unsigned char* known = qelIpmi::QelIpmiDeviceIdData::data)
+                    identity = identityFromDeviceId(Bytes(known, known + qelIpmi::deviceId::responseSize));
+            }
+            if (identity.empty()) {
+                try {
+                    identity = identityFromDeviceId(session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID"));
+                } catch (const QelSdrError&) {
+                    // No answer: noted below; the repository can still be read.
+                }
+            }
+            if (identity.empty())
+                notes.push_back("Get Device ID failed; the SDR cache cannot tell this controller from another");
+        }
+        if (!path.empty()) {
+            int error = 0;
+            const std::string text = readFile(path, error);
+            CacheContents cached;
+            if (error == ENOENT) {
+                notes.push_back("SDR cache " + path + ": none yet; reading the repository");
+            } else if (error != 0) {
+                notes.push_back("SDR cache " + path + ": cannot be read (" + std::strerror(error) +
+                                "), ignoring it and reading the repository");
+            } else if (std::string why = parseCache(text, cached); !why.empty()) {
+                notes.push_back("SDR cache " + path + ": " + why + ", ignoring it and reading the repository");
+            } else if (cached.identity != identity) {
+                notes.push_back("SDR cache " + path +
+                                ": written for another controller, ignoring it and reading the repository");
+            } else if (!cached.info.sameContents(info)) {
+                notes.push_back("SDR cache " + path + ": the repository changed (" +
+                                describeChange(cached.info, info).substr(1) + "); reading it again");
+            } else {
+                records = std::move(cached.records);
+                fromCache = true;
+            }
+        }
+        // An empty repository answers 0xCB for its first record.
+        if (!fromCache && info.recordCount != 0) {
+            Reader reader(session, readSize, notes);
+            records = reader.readAll();
+        }
+    } catch (...) {
+        requests_ = requests;
+        notes_ = std::move(notes);
+        throw;
+    }
+    if (!fromCache && !cacheDirectory_.empty()) {
+        const std::string path = cachePath();
+        const std::string directory = path.substr(0, path.rfind('/'));
+        if (int e = writeAtomically(qelPlatform::platform().root(), directory, path,
+                                    formatCache(identity, info, records)))
+            notes.push_back("SDR cache " + path + ": not written (" + std::strerror(e) + "), ignoring");
+    }
+    info_ = info;
+    records_ = std::move(records);
+    identity_ = std::move(identity);
+    fromCache_ = fromCache;
+    requests_ = requests;
+    readSize_ = readSize;
+    notes_ = std::move(notes);
+}
+
+}  // namespace qelSdr

@@ -1,0 +1,113 @@
+// The controller's Sensor Data Record repository, read through the IPMI
+// transport and kept in a cache on disk.
+//
+// load() asks Get SDR Repository Info. With a cache directory, a cache file
+// written under the same repository info (SDR version, record count, addition
+// and erase timestamps) by the same controller is taken as it is: a warm load
+// costs that one request. Otherwise it reserves the repository and reads
+// every record by following the next-record IDs the controller returns (never
+// by counting), each one as its 5-byte header and then its body in pieces: 32
+// bytes at first, 16 once the controller answers 0xCA (many refuse more than
+// 16), smaller only if it refuses those as well. A cancelled reservation
+// (0xC5: the repository changed or someone else reserved it) is taken again
+// and the record re-read, at most maxReservations times per load. A reply
+// that does not add up (too short, a length that disagrees with the header,
+// a record ID seen twice, a completion code other than these) throws
+// QelSdrError naming the record and what was wrong; nothing hangs and nothing
+// is read past the end of a reply.
+//
+// The cache is written atomically (a temporary file in the same directory,
+// fsync, rename), so a reader never sees half of it; a corrupt, truncated or
+// foreign file is ignored with a note and the repository read again. Paths go
+// through the platform's root prefix.
+//
+// A failed load() leaves what the object held before.
+#ifndef QEL_SDR_H
+#define QEL_SDR_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qelExport.h"
+#include "qelSdrRecord.h"
+
+namespace qelSdr {
+
+// The answer to Get SDR Repository Info.
+struct QEL_EXPORT RepositoryInfo {
+    uint8_t version = 0;
+    uint16_t recordCount = 0;
+    uint16_t freeSpace = 0;
+    uint32_t lastAddition = 0;
+    uint32_t lastErase = 0;
+    uint8_t support = 0;
+
+    // Whether records read under `other` still hold under this info: same
+    // version, record count and timestamps.
+    [[nodiscard]] bool sameContents(const RepositoryInfo& other) const;
+    // Takes the response (completion code first) apart; throws QelSdrError
+    // when it is shorter than the 15 bytes of the answer.
+    static RepositoryInfo fromResponse(const Bytes& response);
+};
+
+class QEL_EXPORT QelSdrRepository {
+public:
+    // Where qeld keeps its cache (under the platform's root).
+    static constexpr const char* defaultCacheDirectory = "/var/cache/qeld/sdr";
+    static constexpr const char* cacheFileName = "repository.sdr";
+    // The first piece size; the fallback goes to 16.
+    static constexpr unsigned int initialReadSize = 32;
+    static constexpr unsigned int fallbackReadSize = 16;
+    static constexpr unsigned int maxReservations = 8;
+
+    // An empty directory: no cache, every load reads the whole repository.
+    explicit QelSdrRepository(std::string cacheDirectory = std::string());
+
+    // The bytes that identify the controller in the cache. Without them the
+    // first load with a cache takes them from the process's Get Device ID
+    // answer (QelIpmiDeviceIdData) or, when there is none, asks Get Device ID
+    // once; a warm load then costs one request from the second load on.
+    void setControllerIdentity(Bytes identity);
+    // Device ID, revision, firmware, IPMI version, manufacturer and product
+    // from a Get Device ID response (completion code first); empty when the
+    // response is a refusal or too short.
+    static Bytes identityFromDeviceId(const Bytes& response);
+    const Bytes& controllerIdentity() const { return identity_; }
+
+    // Throws QelSdrError (malformed or refused replies) and QelIpmiError (no
+    // device, a failing device).
+    void load();
+
+    const RepositoryInfo& info() const { return info_; }
+    const std::vector<SdrRecord>& records() const { return records_; }
+    // Every sensor's name (see qelSdrRecord.h); records that do not parse are
+    // skipped and named in `problems`.
+    std::vector<SensorName> sensorNames(std::vector<std::string>* problems = nullptr) const;
+
+    // About the last load: whether the records came from the cache, how many
+    // requests it sent, the piece size it settled on, and what it ignored or
+    // fell back from, one sentence each ("SDR cache ...: corrupt ..., reading
+    // the repository").
+    bool loadedFromCache() const { return fromCache_; }
+    unsigned int requestsSent() const { return requests_; }
+    unsigned int readSize() const { return readSize_; }
+    const std::vector<std::string>& notes() const { return notes_; }
+
+    // The cache file as opened (root prefix applied); empty without a cache.
+    std::string cachePath() const;
+
+private:
+    std::string cacheDirectory_;
+    Bytes identity_;
+    RepositoryInfo info_;
+    std::vector<SdrRecord> records_;
+    bool fromCache_ = false;
+    unsigned int requests_ = 0;
+    unsigned int readSize_ = initialReadSize;
+    std::vector<std::string> notes_;
+};
+
+}  // namespace qelSdr
+
+#endif
