@@ -579,8 +579,7 @@ constexpr const char* kRestartCauses[] = {
     "Watchdog expiration",
     "OEM",
     "automatic power-up on AC being applied due to 'always restore' power restore policy",
-    "automatic power-up on AC being applied due to 'restore previous power state' power restore "
-    "policy",
+    "automatic power-up on AC being applied due to 'restore previous power state' power restore policy",
     "reset via PEF",
     "power-cycle via PEF",
     "soft reset (e.g. CTRL-ALT-DEL)",
