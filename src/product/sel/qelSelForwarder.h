@@ -4,7 +4,7 @@
 // kills, clears and a log that wraps.
 //
 // The forwarder is one step of the host agent's pass (QelHostAgent's
-// Options::steps runs it guarded), so it must never hold up a watchdog
+// is to run it guarded; not wired in yet), so it must never hold up a watchdog
 // reset:
 // - At rest it asks the controller one Get SEL Info every checkSeconds and
 //   nothing more unless the entries, the last addition or erase time, the
