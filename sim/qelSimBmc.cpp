@@ -35,6 +35,11 @@ void SimBmc::removeHandler(unsigned char netFn, unsigned char cmd) {
     handlers_.erase({netFn, cmd});
 }
 
+void SimBmc::removeHandlers(unsigned char netFn) {
+    Lock lock(mutex_);
+    handlers_.erase(handlers_.lower_bound({netFn, 0}), handlers_.upper_bound({netFn, 0xFF}));
+}
+
 Response SimBmc::dispatch(const Request& request) {
     Lock lock(mutex_);
     auto it = handlers_.find({request.netFn, request.cmd});

@@ -140,6 +140,8 @@ public:
     // ---- command handlers
     void setHandler(unsigned char netFn, unsigned char cmd, Handler handler);
     void removeHandler(unsigned char netFn, unsigned char cmd);
+    // Every command of `netFn` answers 0xC1 from now on.
+    void removeHandlers(unsigned char netFn);
     // Runs the handler for `request` (0xC1 when there is none). Not recorded.
     Response dispatch(const Request& request);
 

@@ -414,6 +414,19 @@ void dumpLan(const SimLan& lan, std::ostream& out) {
 
 void addKeywords(SimBmc& bmc) {
     SimBmc* b = &bmc;
+    // A controller of another make knows none of the vendor's commands: no
+    // configuration space, no management board, no PNI locate, no EEPROM
+    // records. Once removed they stay removed for the controller's life.
+    bmc.addKeyword("vendor-commands",
+                   "vendor-commands on|off: off: every vendor OEM command answers 0xC1 (a controller of another make)",
+                   [b](const std::vector<std::string>& w) {
+                       needWords(w, 1, "vendor-commands");
+                       if (w[0] == "on") return;
+                       if (w[0] != "off") throw std::invalid_argument("vendor-commands takes on or off");
+                       b->removeHandlers(netfn::oemGroup);
+                       b->removeHandlers(netfn::oemBoard);
+                       b->removeHandlers(netfn::oemPni);
+                   });
     bmc.addKeyword("watchdog-state", "watchdog-state B0..B7: the watchdog as the 8 bytes of a Get answer (hex)",
                    [b](const std::vector<std::string>& w) {
                        needWords(w, 8, "watchdog-state");

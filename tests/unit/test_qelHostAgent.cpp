@@ -642,10 +642,105 @@ TEST_F(HostAgentTest, StatusShowsTheTimersTimeOut) {
 TEST_F(HostAgentTest, StatusShowsATimerTheConfigurationTurnedOffAsOff) {
     network.set({loopback()});
     auto a = agent();
-    run(*a, 2);
-    sim->confSpace().setByte(QelConfSpaceData::SoftWatchdogEnabled, 0);
-    run(*a, 2);
+    unsigned int beforeTheNextRead = 99;
+    // Turned off after the first pass; the settings are read again 300 s
+    // after the first read (the 16th wait of 20 s).
+    run(*a, 17, [&](int pass) {
+        if (pass == 1) sim->confSpace().setByte(QelConfSpaceData::SoftWatchdogEnabled, 0);
+        if (pass == 14) beforeTheNextRead = a->status().watchdogSeconds;
+    });
+    EXPECT_EQ(beforeTheNextRead, 300u);
     EXPECT_EQ(a->status().watchdogSeconds, 0u);
+}
+
+// ---------------------------------------------------------------- what the agent asks
+
+// Configuration-space reads of one variable.
+size_t variableReads(qelSim::ScopedSimulator& sim, unsigned int variable) {
+    size_t n = 0;
+    for (const qelSim::Request& r : sim->requests(netfn::oemGroup, cmd::configSpace))
+        if (r.data.size() > qelIpmi::confSpace::requestVariable + 1 &&
+            r.data[qelIpmi::confSpace::requestOperation] == qelIpmi::confSpace::opRead &&
+            (r.data[qelIpmi::confSpace::requestVariable] | (r.data[qelIpmi::confSpace::requestVariable + 1] << 8)) ==
+                static_cast<int>(variable))
+            ++n;
+    return n;
+}
+
+TEST_F(HostAgentTest, WatchdogSettingsAreReadAtTheStartAndThenEveryFiveMinutes) {
+    network.set({loopback()});
+    auto a = agent();
+    // 46 waits of 20 s: 920 s, so reads at 0, 300, 600 and 900 s.
+    run(*a, 46);
+    EXPECT_EQ(variableReads(sim, QelConfSpaceData::SoftWatchdogTime), 4u);
+    EXPECT_EQ(variableReads(sim, QelConfSpaceData::SoftWatchdogEnabled), 4u);
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+}
+
+TEST_F(HostAgentTest, AChangedWatchdogTimeIsAppliedWhenItIsNextRead) {
+    network.set({loopback()});
+    auto a = agent();
+    std::vector<unsigned int> countdowns;  // the timer's time-out after each pass, in seconds
+    run(*a, 20, [&](int pass) {
+        if (pass == 3) sim->confSpace().setWord(QelConfSpaceData::SoftWatchdogTime, 600);
+        countdowns.push_back(sim->watchdog().state().initialCountdown / 10u);
+    });
+    ASSERT_EQ(countdowns.size(), 20u);
+    EXPECT_EQ(countdowns[13], 300u) << "not read again before 300 s";
+    EXPECT_EQ(countdowns[15], 600u) << "applied at the read 300 s after the first";
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
+}
+
+TEST_F(HostAgentTest, TheTimerIsReadOnlyBeforeAResetBetweenSettingsReads) {
+    network.set({loopback()});
+    auto a = agent();
+    run(*a, 46);
+    // Every settings read reads the timer once; every reset reads it before
+    // (was it stopped?) and in the reset itself; the stop at the end reads it
+    // once. Nothing else reads it. The first reset follows the Set: no check
+    // before it.
+    const size_t settingsReads = variableReads(sim, QelConfSpaceData::SoftWatchdogTime);
+    EXPECT_EQ(count(netfn::app, cmd::getWatchdogTimer), settingsReads + (2 * resets() - 1) + 1);
+}
+
+TEST_F(HostAgentTest, TheBoardsTextsGoWhenTheyChangeAndAtTheRepublication) {
+    sim->board().setSlot(3);
+    sim->board().setPorts({{1, {0x02, 0, 0, 0, 0x0a, 1}}});
+    network.set({loopback(), nic(2, "eth0", macOf(1), {v4entry("10.0.0.2")})});
+    auto a = agent(1200);
+    size_t osTextAtStart = 0, osTexts = 0, platformTexts = 0;
+    std::string platformText;
+    // 70 waits of 20 s: info passes every 120 s, a republication at 1200 s.
+    // (The daemon's end sends empty texts with the shutdown status: counted
+    // before it.)
+    run(*a, 70, [&](int pass) {
+        if (pass == 1) osTextAtStart = count(netfn::oemBoard, cmd::setOsText);
+        if (pass == 70) {
+            osTexts = count(netfn::oemBoard, cmd::setOsText);
+            platformTexts = count(netfn::oemBoard, cmd::setPlatformText);
+            platformText = sim->board().platformText()->text;
+        }
+    });
+    EXPECT_EQ(platformTexts, 2u) << "at the start and at the republication";
+    ASSERT_GT(osTextAtStart, 0u);
+    EXPECT_EQ(osTexts, 2 * osTextAtStart);
+    EXPECT_EQ(platformText, "6.1.0-27-amd64");
+}
+
+TEST_F(HostAgentTest, ExtraStepsRunEveryPassGuardedUnderTheirName) {
+    network.set({loopback()});
+    QelHostAgent::Options o = options();
+    int calls = 0;
+    o.steps.push_back({"event log forwarding", [&] {
+                           if (++calls % 2 == 0) throw std::runtime_error("controller busy");
+                       }});
+    auto a = std::make_unique<QelHostAgent>(o);
+    run(*a, 6);
+    EXPECT_EQ(calls, 6);
+    EXPECT_THAT(logsContaining("event log forwarding failed: controller busy"), ::testing::SizeIs(3));
+    EXPECT_THAT(logsContaining("event log forwarding works again"), ::testing::SizeIs(2))
+        << "after the 2nd and the 4th call";
+    EXPECT_GE(resets(), 1u) << "a failing step never stops the watchdog";
 }
 
 TEST_F(HostAgentTest, ATimerStoppedBySomeoneElseIsLoggedAndStartedAgain) {

@@ -217,6 +217,7 @@ void QelHostAgent::main_action(int& exitCode) {
             if (bladeInfo) bladeInfo->setOSStatus(QelBladeInfo::AC_OS_RUNNING);
         });
         if (keepsWatchdog) keepWatchdog(watchdogCountdown, period);
+        for (const auto& step : options_.steps) guarded(step.first, step.second);
         if (--infoCountdown <= 0) {
             publish();
             infoCountdown = static_cast<int>(std::max(1u, infoInterval / period));
@@ -256,7 +257,18 @@ void QelHostAgent::main_action(int& exitCode) {
 
 void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
     const bool kept = guarded("watchdog", [&] {
-        const bool applied = updateWatchdog();
+        // The settings live in the configuration space, where an
+        // administrator changes them rarely, and reading them costs seven
+        // requests (six variables and the timer): they are read at the start
+        // and then every watchdogSettingsSeconds, and a change is applied as
+        // soon as it is read. A read that threw is tried again next pass.
+        const long now = static_cast<long>(platform().time());
+        bool applied = false;
+        if (settingsReadAt_ == 0 || now - settingsReadAt_ >= static_cast<long>(options_.watchdogSettingsSeconds) ||
+            now < settingsReadAt_) {
+            applied = updateWatchdog();
+            settingsReadAt_ = now == 0 ? 1 : now;
+        }
         if (applied) countdown = 1;
         {
             std::lock_guard<std::mutex> lock(statusMutex_);
@@ -368,8 +380,15 @@ void QelHostAgent::publish() {
 }
 
 void QelHostAgent::publishFacts(bool refresh) {
-    // The OS status went out at the start of this pass already.
-    if (bladeInfo) bladeInfo->setOSPlatformInfo(osName, osRelease);
+    // The OS status went out at the start of this pass already. The texts
+    // take several requests; the board keeps them, so they go again only
+    // when they changed and at every republication.
+    if (bladeInfo && (refresh || boardTexts_ != std::make_pair(osName, osRelease))) {
+        if (bladeInfo->setOSPlatformInfo(osName, osRelease))
+            boardTexts_ = std::make_pair(osName, osRelease);
+        else
+            boardTexts_ = {};  // tried again next info pass
+    }
     if (confSpace == nullptr) return;
     // What the controller holds was read when the agent started and is kept
     // current by the writes below; once per republication period it is read

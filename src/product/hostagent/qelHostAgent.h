@@ -9,7 +9,11 @@
 // - Watchdog keeping is QelServerInfo's own (updateWatchdog, reset_watchdog,
 //   the same period, the SIGALRM safety net, the stop and the connection
 //   status at the end). A failing watchdog command is retried on the next
-//   pass instead of ending the loop.
+//   pass instead of ending the loop. The settings are read at the start and
+//   every watchdogSettingsSeconds (five minutes) rather than every pass, and
+//   the timer's state only before a reset; the board's OS and platform texts
+//   go when they change and at every republication. The OS status goes every
+//   pass: the board takes it as the host's heartbeat.
 // - Every other step (OS status, the facts, the network inventory, the
 //   configuration space, the PNI records, the board) runs guarded: an
 //   exception is caught and logged, and the next pass comes. A failure is
@@ -67,6 +71,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "qelExport.h"
 #include "qelHostInventory.h"
@@ -81,6 +87,13 @@ public:
         // The longest time between two publications of the addresses and
         // facts, so a controller that lost its state is repaired.
         unsigned int republishSeconds = 3600;
+        // How often the watchdog settings are read from the configuration
+        // space. The timer itself is reset on its own schedule in between.
+        unsigned int watchdogSettingsSeconds = 300;
+        // More work for every pass, each run guarded under its name after
+        // the watchdog's step (the event log's forwarder in qeld). A step
+        // must return quickly: the next watchdog reset waits for it.
+        std::vector<std::pair<std::string, std::function<void()>>> steps;
     };
 
     // What the agent did last; for status displays.
@@ -149,6 +162,8 @@ private:
     std::string biosVersion_;
     std::unique_ptr<qelHostInventory::QelHostInventory> published_;
     long lastPublication_ = 0;  // platform time of the last complete one
+    long settingsReadAt_ = 0;   // platform time the watchdog settings were last read
+    std::pair<std::string, std::string> boardTexts_;  // OS and platform text the board holds
     bool pending_ = false;
     unsigned int nicsWritten_ = 0;  // by the publication under way
     mutable std::mutex statusMutex_;
