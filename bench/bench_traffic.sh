@@ -23,6 +23,7 @@ pass_seconds=20
 passes_per_hour=$((3600 / pass_seconds))
 
 work=$(mktemp -d)
+export STATE_DIRECTORY=$work/state CACHE_DIRECTORY=$work/cache RUNTIME_DIRECTORY=$work/runtime  # not the host's /var
 pids=()
 cleanup() {
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done

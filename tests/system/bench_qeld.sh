@@ -37,6 +37,7 @@ done
 [ -x /usr/bin/time ] || { echo "bench_qeld: needs /usr/bin/time (Debian package time)" >&2; exit 1; }
 
 work=$(mktemp -d /tmp/qeld-bench.XXXXXX)
+export STATE_DIRECTORY=$work/state CACHE_DIRECTORY=$work/cache RUNTIME_DIRECTORY=$work/runtime  # not the host's /var
 sock=$work/bmc.sock
 pids=()
 cleanup() {

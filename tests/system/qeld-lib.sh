@@ -20,6 +20,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 T=$(mktemp -d /tmp/qeld-test.XXXXXX)
+# The agent's own directories (the event log forwarding's state, the sensor
+# names' cache, its status), as the service manager would give them: each
+# test its own, and the host's /var left alone.
+export STATE_DIRECTORY=$T/state CACHE_DIRECTORY=$T/cache RUNTIME_DIRECTORY=$T/runtime
 SOCK=$T/bmc.sock
 ROOT=$T/root
 PIDFILE=$ROOT/var/run/qeld.pid

@@ -145,6 +145,84 @@ expect_eq "verify output" "$(cat "$T/verify.txt")" ""
 exposure=$(inside systemd-analyze security --no-pager qeld.service | sed -n 's/.*Overall exposure level for qeld.service: \([0-9.]*\).*/\1/p')
 expect_true "exposure $exposure <= 2.5" awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 2.5) }'
 
+step "the controller's event log in the journal: records added with ipmitool, their fields and priorities, the catalog"
+preload=$(inside sh -c 'ls /usr/lib/*/qelbase/libqelsim-preload.so' | head -n1)
+ipmi() { inside env QEL_BMCSIM_SOCKET=/run/qel-bmcsim.sock LD_PRELOAD="$preload" ipmitool -I open "$@"; }
+sel_id() {  # the record ID Add SEL Entry answered, as 4 hex digits
+  awk '{ printf "%s%s", toupper($2), toupper($1) }'
+}
+# Add SEL Entry (0x0a 0x44), system event records from the BMC (generator
+# 0x20), the controller setting ID and time:
+#   a correctable ECC (memory 0x0C, sensor-specific 0x6F, offset 0): warning;
+#   a temperature's upper critical going high (threshold 0x01, offset 9,
+#   trigger reading 0x5F, threshold 0x5A in event data 2 and 3): critical;
+#   the same temperature's deassertion (direction bit 7): informational.
+ecc=$(ipmi raw 0x0a 0x44 0 0 0x02 0 0 0 0 0x20 0x00 0x04 0x0c 0x08 0x6f 0x00 0xff 0xff | sel_id)
+hot=$(ipmi raw 0x0a 0x44 0 0 0x02 0 0 0 0 0x20 0x00 0x04 0x01 0x30 0x01 0x59 0x5f 0x5a | sel_id)
+cool=$(ipmi raw 0x0a 0x44 0 0 0x02 0 0 0 0 0x20 0x00 0x04 0x01 0x30 0x81 0x59 0x50 0x5a | sel_id)
+expect_true "ipmitool added three records ($ecc $hot $cool)" test -n "$ecc" -a -n "$hot" -a -n "$cool"
+sel_json() {
+  inside journalctl -q --no-pager -o json SYSLOG_IDENTIFIER=qeld MESSAGE_ID=b94984b79cc44ea099a87728d5a050b2
+}
+forwarded() { [ "$(sel_json | grep -c "\"QEL_SEL_RECORD_ID\"")" -ge 3 ]; }
+# One Get SEL Info a minute at rest: within about a minute.
+wait_until 90 "three SEL entries in the journal" forwarded
+sel_json >"$T/sel.json"
+# Each record's bytes as the controller keeps them (Get SEL Entry, 0x43).
+raw_of() {
+  local id=$1
+  ipmi raw 0x0a 0x43 0 0 "0x${id:2:2}" "0x${id:0:2}" 0 0xff | tr -d ' \n' | tr a-f A-F | cut -c5-
+}
+for id in "$ecc" "$hot" "$cool"; do echo "$id $(raw_of "$id")"; done >"$T/raws.txt"
+check=$(python3 - "$T/sel.json" "$T/raws.txt" <<'PY'
+import json, re, sys
+entries = [json.loads(l) for l in open(sys.argv[1]) if l.strip()]
+raws = dict(l.split() for l in open(sys.argv[2]) if l.strip())
+problems = []
+expected = {  # record ID -> priority, severity, sensor type, code, number, event type, direction, data
+    0: ("4", "warning", "Memory", "0x0C", "0x08", "0x6F", "assertion", "00FFFF"),
+    1: ("2", "critical", "Temperature", "0x01", "0x30", "0x01", "assertion", "595F5A"),
+    2: ("6", "info", "Temperature", "0x01", "0x30", "0x01", "deassertion", "59505A"),
+}
+ids = list(raws)
+seen = {}
+for e in entries:
+    rid = e.get("QEL_SEL_RECORD_ID", "")
+    seen[rid] = seen.get(rid, 0) + 1
+for n, rid in enumerate(ids):
+    mine = [e for e in entries if e.get("QEL_SEL_RAW", "").upper() == raws[rid]]
+    if len(mine) != 1:
+        problems.append("record %s: %d journal entries with its bytes" % (rid, len(mine)))
+        continue
+    e = mine[0]
+    prio, sev, stype, code, num, etype, direction, data = expected[n]
+    want = {"PRIORITY": prio, "QEL_SEL_SEVERITY": sev, "QEL_SEL_SENSOR_TYPE": stype,
+            "QEL_SEL_SENSOR_TYPE_CODE": code, "QEL_SEL_SENSOR_NUMBER": num,
+            "QEL_SEL_EVENT_TYPE_CODE": etype, "QEL_SEL_EVENT_DIRECTION": direction,
+            "QEL_SEL_EVENT_DATA": data, "QEL_SEL_RECORD_TYPE": "0x02",
+            "QEL_SEL_GENERATOR_ID": "0x0020", "_SYSTEMD_UNIT": "qeld.service",
+            "SYSLOG_IDENTIFIER": "qeld"}
+    for k, v in want.items():
+        got = e.get(k)
+        if got is None or got.lower() != v.lower():
+            problems.append("record %s: %s is %r, expected %r" % (rid, k, got, v))
+    if not re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", e.get("QEL_SEL_TIMESTAMP", "")):
+        problems.append("record %s: QEL_SEL_TIMESTAMP %r is no ISO 8601 UTC time" % (rid, e.get("QEL_SEL_TIMESTAMP")))
+    if not e.get("MESSAGE", "").startswith("SEL record 0x%s: " % rid.upper()):
+        problems.append("record %s: MESSAGE %r" % (rid, e.get("MESSAGE")))
+print("; ".join(problems) if problems else "ok")
+PY
+)
+expect_eq "the journal's SEL entries (fields, priorities, once each)" "$check" ok
+# The same text as qelctl shows for the record, behind the record ID.
+text=$(inside qelctl --bmc-socket /run/qel-bmcsim.sock --json sel get "0x$hot" |
+  python3 -c 'import json,sys; print(json.load(sys.stdin)["records"][0]["text"])')
+message=$(python3 -c 'import json,sys; print(next(json.loads(l)["MESSAGE"] for l in open(sys.argv[1]) if json.loads(l).get("QEL_SEL_RAW","").upper()==sys.argv[2]))' "$T/sel.json" "$(raw_of "$hot")")
+expect_eq "the journal's text is qelctl's" "$message" "SEL record 0x$hot: $text"
+inside journalctl -q --no-pager -x -n 1 SYSLOG_IDENTIFIER=qeld MESSAGE_ID=b94984b79cc44ea099a87728d5a050b2 >"$T/catalog.txt"
+expect_true "journalctl -x explains the entry (the catalog)" grep -q "The BMC logged a hardware event" "$T/catalog.txt"
+expect_true "the catalog shows the entry's own text" grep -qF "SEL record 0x" "$T/catalog.txt"
+
 step "kill -9: ExecStopPost stops the watchdog, systemd restarts the agent"
 pid=$(main_pid)
 restarts=$(prop NRestarts)

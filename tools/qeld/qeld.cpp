@@ -41,6 +41,7 @@
 #include "qeldController.h"
 #include "qeldNotify.h"
 #include "qeldPlatform.h"
+#include "qeldSel.h"
 
 namespace {
 
@@ -101,6 +102,10 @@ const char usageText[] =
     "                     DIR/var/run/qeld.pid, DIR/opt/zum/...): a sandbox, or tests\n"
     "  --report           at the end, print the simulated controller's state: what the\n"
     "                     agent sent, the watchdog, configuration space, PNI and board\n"
+    "  --sel-replay       forward the controller's whole event log (SEL) to the journal\n"
+    "                     once, as if nothing had been forwarded before (normally a\n"
+    "                     first start forwards only what was logged since the boot)\n"
+    "  --no-sel           do not forward the controller's event log at all\n"
     "  --stderr           copy the agent's syslog messages to standard error (the default,\n"
     "                     unless standard error is the journal, which has them anyway)\n"
     "  --no-stderr        do not\n"
@@ -114,6 +119,8 @@ const char usageText[] =
     "                          file and reports to its parent\n"
     "  --test-stats=FILE       CPU per pass by kind, descriptors and memory, rewritten\n"
     "                          after every pass\n"
+    "  --test-sel-log=FILE     the event log's records as lines appended to FILE instead\n"
+    "                          of the journal or syslog\n"
     "\n"
     "Exit status:\n"
     "  0   done (--daemon: the daemon runs; --foreground: stopped by a signal)\n"
@@ -161,6 +168,9 @@ struct Options {
     unsigned int timeScale = 1;
     unsigned int stallChild = 0;
     std::string statsFile;
+    bool sel = true;
+    bool selReplay = false;
+    std::string selLogFile;
 };
 
 bool parseCount(const std::string& text, unsigned int max, unsigned int& value) {
@@ -230,6 +240,13 @@ int parse(int argc, char** argv, Options& o) {
             o.root = value;
         } else if (arg == "--report") {
             o.report = true;
+        } else if (arg == "--sel-replay") {
+            o.selReplay = true;
+        } else if (arg == "--no-sel") {
+            o.sel = false;
+        } else if (arg == "--test-sel-log") {
+            if (!need("--test-sel-log") || value.empty()) return badUsage("--test-sel-log needs a file name");
+            o.selLogFile = value;
         } else if (arg == "--stderr") {
             o.teeChoice = 1;
         } else if (arg == "--no-stderr") {
@@ -257,6 +274,7 @@ int parse(int argc, char** argv, Options& o) {
     if (o.report && o.mode == Mode::Daemon)
         return badUsage("--report does not go with --daemon (read the state with qel-bmcsim ... ctl dump)");
     if (o.systemShutdown && o.mode != Mode::Shutdown) return badUsage("--system-shutdown goes with --shutdown");
+    if (o.selReplay && !o.sel) return badUsage("--sel-replay does not go with --no-sel");
     if (!o.root.empty() && o.root.back() == '/') o.root.pop_back();
     return -1;
 }
@@ -301,7 +319,26 @@ void atDaemonExit() {
     if (agent != nullptr && agent->running) ::_exit(exitLoopError);
 }
 
-int runDaemon(bool strict) {
+// The host agent, with the event log's forwarder as one more step of its
+// pass when `forwarding` is given. The forwarder's state needs its directory,
+// and its sink the journal or syslog: both are made here, before the loop.
+std::unique_ptr<QelHostAgent> makeHostAgent(qeld::SelForwarding* forwarding) {
+    QelHostAgent::Options options;
+    if (forwarding != nullptr)
+        options.steps.emplace_back("event log forwarding", [forwarding] { forwarding->pass(); });
+    return std::unique_ptr<QelHostAgent>(new QelHostAgent(options));
+}
+
+std::unique_ptr<qeld::SelForwarding> makeForwarding(const Options& o) {
+    if (!o.sel || o.strict) return nullptr;
+    qeld::SelForwardingOptions f = qeld::SelForwardingOptions::fromEnvironment();
+    f.replay = o.selReplay;
+    f.testLogFile = o.selLogFile;
+    return std::unique_ptr<qeld::SelForwarding>(new qeld::SelForwarding(f));
+}
+
+int runDaemon(const Options& o) {
+    const bool strict = o.strict;
     std::atexit(atDaemonExit);
     // Returns only when the pid file exists (the library has printed why);
     // every other way ends inside, in the parent and in the daemon child.
@@ -309,8 +346,9 @@ int runDaemon(bool strict) {
         QelServerInfo agent(QelServerInfo::Daemon);
         return exitAlreadyRunning;
     }
-    QelHostAgent agent;
-    agent.start(QelServerInfo::Daemon);
+    std::unique_ptr<qeld::SelForwarding> forwarding = makeForwarding(o);
+    std::unique_ptr<QelHostAgent> agent = makeHostAgent(forwarding.get());
+    agent->start(QelServerInfo::Daemon);
     return exitAlreadyRunning;
 }
 
@@ -353,7 +391,8 @@ int runShutdown(bool systemShutdown, bool strict) {
     return exitOk;
 }
 
-int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& notifier, bool strict) {
+int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& notifier, const Options& o) {
+    const bool strict = o.strict;
     // Blocked before the worker exists, so it inherits the mask and every one
     // of these reaches the main thread's sigwait: the termination signals,
     // the alarm the loop arms as its watchdog safety net, and SIGUSR2 from
@@ -382,12 +421,13 @@ int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& not
                                    "\n";
         notifier.notify(passes == 1 ? "READY=1\n" + status + "WATCHDOG=1\n" : "WATCHDOG=1\n" + status);
     };
+    std::unique_ptr<qeld::SelForwarding> forwarding = makeForwarding(o);
     std::unique_ptr<QelServerInfo> agent;
     if (strict) {
         if (notifier.enabled()) platform.setPassHook(passEnded);
         agent.reset(new QelServerInfo(QelServerInfo::Thread));
     } else {
-        host = new QelHostAgent;
+        host = makeHostAgent(forwarding.get()).release();
         agent.reset(host);
         if (notifier.enabled()) platform.setPassHook(passEnded);
         host->start(QelServerInfo::Thread);
@@ -534,8 +574,8 @@ int main(int argc, char** argv) {
     int status = exitAgentFailed;
     try {
         switch (o.mode) {
-        case Mode::Daemon: status = runDaemon(o.strict); break;
-        case Mode::Foreground: status = runForeground(platform, notifier, o.strict); break;
+        case Mode::Daemon: status = runDaemon(o); break;
+        case Mode::Foreground: status = runForeground(platform, notifier, o); break;
         case Mode::Once: status = runOnce(o.strict); break;
         case Mode::Shutdown: status = runShutdown(o.systemShutdown, o.strict); break;
         case Mode::None: break;

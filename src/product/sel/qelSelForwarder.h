@@ -3,9 +3,9 @@
 // that says how bad it is, and nothing is lost or repeated across restarts,
 // kills, clears and a log that wraps.
 //
-// The forwarder is one step of the host agent's pass (QelHostAgent's
-// is to run it guarded; not wired in yet), so it must never hold up a watchdog
-// reset:
+// The forwarder is one step of the host agent's pass (qeld hands it to
+// QelHostAgent in Options::steps, which runs it guarded after the watchdog's
+// step), so it must never hold up a watchdog reset:
 // - At rest it asks the controller one Get SEL Info every checkSeconds and
 //   nothing more unless the entries, the last addition or erase time, the
 //   free space or the overflow flag changed. A full circular log keeps its
