@@ -139,7 +139,25 @@ ipmitool sel elist 2>&1
 ipmitool mc watchdog get 2>&1
 check "ipmitool sel clear" ipmitool sel clear
 wait_until 50 test "$(info_entries)" -eq 0
-check_eq "entries before the reset" 0 "$(info_entries)"
+check_eq "entries after the clear" 0 "$(info_entries)"
+
+echo "== first boot: a record of 'an earlier boot', and the controller's clock an hour ahead"
+# The agent's first start forwards what the controller logged since the
+# host booted, by the controller's clock less the host's uptime and a
+# margin of 300 s: a record from just before this reset would count as
+# this boot's. With the controller's clock an hour ahead from here on, the
+# record logged now lies an hour before the next boot by that clock.
+o_id=$(add_event 20 00 02 20 01 52 40 48)
+check_eq "the earlier boot's record (a voltage under its lower critical threshold)" 0 "$o_id"
+# QEMU's BMC turns Set SEL Time around: it keeps (its clock - the time
+# given) as the offset and adds it, so its clock moves as far the other
+# way. Asked for an hour behind, it runs an hour ahead.
+set -- $(sel_time)
+behind=$(($1 - 3600))
+check "Set SEL Time, an hour behind" ipmitool raw 0x0a 0x49 $(printf '0x%02x 0x%02x 0x%02x 0x%02x' \
+  $((behind & 255)) $(((behind >> 8) & 255)) $(((behind >> 16) & 255)) $(((behind >> 24) & 255)))
+diff=$(($(sel_time) - $(date +%s)))
+check "QEMU's BMC turned it around: the SEL time is an hour ahead of the guest's clock ($diff s)" between "$diff" 3590 3610
 
 echo "== first boot: a 1 s hard-reset watchdog, left alone"
 # Only a watchdog with an action runs on QEMU's BMC, and the only action
@@ -161,10 +179,11 @@ check "ipmitool mc watchdog off" ipmitool mc watchdog off
 echo "Get SEL Info: $(sel_info)"
 ipmitool sel elist 2>&1
 wd_entries=$(info_entries)
-check_eq "records in the log: the watchdog's" 1 "$wd_entries"
-wd_entry=$(sel_entry 0)
-echo "Get SEL Entry 0: $wd_entry"
-ipmitool sel get 0 2>&1
+check_eq "records in the log: the earlier boot's and the watchdog's" 2 "$wd_entries"
+check "the SEL time is still an hour ahead of the guest's clock" between $(($(sel_time) - $(date +%s))) 3590 3610
+wd_entry=$(sel_entry 1)
+echo "Get SEL Entry 1: $wd_entry"
+ipmitool sel get 1 2>&1
 # The record's system event part: generator 0x20 (the BMC), event message
 # format 0x04, sensor type 0x23 (Watchdog 2), sensor 0, event type 0x6f
 # (sensor-specific), asserted, offset 1 (Hard Reset).
@@ -198,23 +217,21 @@ stop_qeld() {
   check "SIGTERM ends the daemon" wait_until 150 daemon_gone
 }
 
-echo "== the forwarder: the first start with --sel-replay forwards the whole log"
+echo "== the forwarder: the first start forwards what the controller logged since this boot"
 syslogd -O /tmp/messages
-if [ "$wd_entries" = 1 ]; then
-  wd_id=$(sel_ids | head -1)
+expect 0 none
+if [ "$wd_entries" = 2 ]; then
+  wd_id=1
   expect "$wd_id" crit
 else
-  # Without the watchdog's record the log starts with one of ours.
+  # Without the watchdog's record: one of ours.
   wd_id=$(add_event 20 00 01 30 01 59 5a 55); expect "$wd_id" crit
 fi
-check "qeld --daemon --sel-replay exits 0" qeld --daemon --no-stderr --test-time-scale=60 --sel-replay
-pid=$(cat /var/run/qeld.pid 2>/dev/null)
-check "the record reaches syslog" wait_until 300 has_record "$wd_id"
+start_qeld
+check "the watchdog's record reaches syslog" wait_until 300 has_record "$wd_id"
 stop_qeld
 
 echo "== the forwarder: records logged while the agent was down reach syslog at its start"
-# The last record forwarded has ID 0, which Get SEL Entry also takes for
-# "the first record": the agent finds its place all the same.
 # A temperature over its upper critical threshold (reading 0x5a over 0x55),
 # a correctable ECC error, a failed power supply, the OS booted (from system
 # software, generator 0x41).
@@ -278,10 +295,16 @@ qlist=$(qelctl sel list 2>&1)
 echo "$qlist"
 ids=$(sel_ids)
 check_eq "records in the log" "$(echo "$expected" | grep -c .)" "$(echo "$ids" | grep -c .)"
-check_eq "SEL record lines in syslog, one per record" "$(echo "$ids" | grep -c .)" "$(forwarded)"
+check_eq "SEL record lines in syslog, one per record but the earlier boot's" $(($(echo "$ids" | grep -c .) - 1)) \
+  "$(forwarded)"
 for id in $ids; do
   hid=$(printf '0x%04X' "$id")
   lines=$(grep "SEL record $hid: " /tmp/messages)
+  want=$(echo "$expected" | awk -v id="$id" '$1 == id { print $2 }')
+  if [ "$want" = none ]; then
+    check_eq "record $hid, from before this boot: syslog lines" 0 "$(echo "$lines" | grep -c .)"
+    continue
+  fi
   check_eq "record $hid: syslog lines" 1 "$(echo "$lines" | grep -c .)"
   ours=$(echo "$lines" | sed -n 's/.*SEL record 0x....: \(.*\) RECORD_ID=.*/\1/p')
   row=$(echo "$elist" | awk -F'|' -v id="$(printf '%x' "$id")" '{ g = $1; gsub(/ /, "", g) } tolower(g) == id')
@@ -301,12 +324,32 @@ for id in $ids; do
     "$when"*) pass "record $hid: TIMESTAMP=$stamp is ipmitool's $(col 2) $(col 3)" ;;
     *) fail "record $hid: TIMESTAMP=$stamp is not ipmitool's $(col 2) $(col 3)" ;;
   esac
-  want=$(echo "$expected" | awk -v id="$id" '$1 == id { print $2 }')
   prio=$(echo "$lines" | sed -n 's/.* [a-z0-9]*\.\([a-z]*\) [^ ]*: SEL record.*/\1/p')
   [ "$prio" = warning ] && prio=warn
   check_eq "record $hid: syslog priority" "$want" "$prio"
   listed=$(echo "$qlist" | sed -n "s/^$hid  [^ ]*  [^ ]*  //p")
   check_eq "record $hid: the text of qelctl sel list" "$(echo "$ours" | qelctl_from_ours)" "$listed"
+done
+
+echo "== the forwarder: --sel-replay forwards the whole log once"
+before=$(forwarded)
+check "qeld --daemon --sel-replay exits 0" qeld --daemon --no-stderr --test-time-scale=60 --sel-replay
+pid=$(cat /var/run/qeld.pid 2>/dev/null)
+replayed() { [ "$(forwarded)" -ge $((before + $(echo "$ids" | grep -c .))) ]; }
+check "every record of the log reaches syslog again" wait_until 300 replayed
+stop_qeld
+start_qeld
+# A record after the restart: one forwarded again would stand before it.
+r_id=$(add_event 20 00 0c 42 6f 00 ff ff)
+check "the record logged after the replay reaches syslog" wait_until 300 has_record "$r_id"
+stop_qeld
+check_eq "record $(printf '0x%04X' "$r_id") after the replay: syslog lines" 1 \
+  "$(grep -c "SEL record $(printf '0x%04X' "$r_id"): " /tmp/messages)"
+for id in $ids; do
+  hid=$(printf '0x%04X' "$id")
+  want=2; [ "$id" = 0 ] && want=1
+  check_eq "record $hid after the replay and a restart: syslog lines" "$want" \
+    "$(grep -c "SEL record $hid: " /tmp/messages)"
 done
 
 echo "== the forwarder across a clear, which QEMU's BMC does not date"
@@ -324,7 +367,9 @@ after_clear() { grep -q 'SEL record 0x0000: Processor #0x70' /tmp/messages; }
 check "the record logged after the clear reaches syslog" wait_until 300 after_clear
 stop_qeld
 check_eq "the record after the clear: syslog lines" 1 "$(grep -c 'SEL record 0x0000: Processor #0x70' /tmp/messages)"
-check_eq "SEL record lines in syslog in all" $(($(echo "$ids" | grep -c .) + 1)) "$(forwarded)"
+# Each record twice but the earlier boot's (once, by the replay), the one
+# after the replay and the one after the clear.
+check_eq "SEL record lines in syslog in all" $((2 * $(echo "$ids" | grep -c .) - 1 + 2)) "$(forwarded)"
 echo "--- syslog:"
 cat /tmp/messages
 finish
