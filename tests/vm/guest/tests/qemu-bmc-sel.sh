@@ -2,9 +2,11 @@
 # driver, in two boots. The first finds out what QEMU's BMC does with its log
 # (ipmitool alone) and leaves a 1 s hard-reset watchdog running; the second
 # finds the watchdog's record in the log and runs the agent's SEL forwarder
-# (qeld --daemon) on it: every record reaches syslog once, with the text
-# ipmitool gives the same record, the controller's bytes and the priority of
-# its severity, across restarts of the agent and a clear.
+# (qeld --daemon) on it: its first start passes over a record of the earlier
+# boot, every other record reaches syslog once, with the text ipmitool gives
+# the same record, the controller's bytes, its timestamp and the priority of
+# its severity, across restarts of the agent; --sel-replay forwards the
+# whole log once; records logged after a clear are forwarded.
 #
 # What QEMU's BMC does with its SEL (the checks below fail when it changes):
 # - Get SEL Info: version 0x51, empty at power-on, 2048 bytes free; of the
@@ -15,11 +17,13 @@
 # - Add SEL Entry stamps the record with the SEL time (the host's clock),
 #   whatever timestamp it was given.
 # - Clear SEL leaves the last erase time at "never" (0xFFFFFFFF).
-# - Its watchdog runs only with an action: with "no action" the countdown
-#   falls to 0 without an expiration flag or a record. A hard reset logs
-#   one record that survives the reset: Watchdog 2 (0x23), sensor 0, sensor-
-#   specific, asserted, event data c1 04 ff (Hard Reset; SMS/OS), named
-#   "Watchdog" by QEMU's SDR. Whether it honours "don't log" is not known:
+# - Set SEL Time moves the clock as far the other way as asked; the offset
+#   survives the guest's reset.
+# - Its watchdog expires only with an action: with "no action" the
+#   countdown falls to 0 without an expiration flag or a record. A hard
+#   reset logs one record that survives the reset: Watchdog 2 (0x23),
+#   sensor 0, sensor-specific, asserted, event data c1 04 ff (Hard Reset;
+#   SMS/OS), named "Watchdog" by QEMU's SDR. Whether it honours "don't log" is not known:
 #   finding out takes another reset.
 . /qel/lib.sh
 
@@ -52,18 +56,20 @@ add_event() {
     "0x$3" "0x$4" "0x$5" "0x$6" "0x$7" "0x$8" 2>/dev/null | bytes)
   [ $# -eq 2 ] && le16 "$1" "$2"
 }
-# The record IDs of the log (decimal, one a line), following the next IDs.
-sel_ids() {
+# The log's records, one a line: the record ID (decimal) and the record's
+# 16 bytes, read forward by the next IDs (one Get SEL Entry a record).
+sel_dump() {
   id=0 n=0
   while [ "$n" -lt 200 ]; do
     set -- $(sel_entry "$id")
     [ $# -eq 18 ] || return 0
-    le16 "$3" "$4"; echo
     next=$(le16 "$1" "$2")
+    echo "$(le16 "$3" "$4") $(shift 2; echo "$*")"
     [ "$next" -eq 65535 ] && return 0
     id=$next n=$((n + 1))
   done
 }
+sel_ids() { sel_dump | cut -d' ' -f1; }
 # Set Watchdog Timer: USE ACTION COUNTDOWN-TENTHS (hex bytes without 0x for
 # use and action), then Reset Watchdog Timer to start it.
 watchdog_run() {
@@ -160,8 +166,8 @@ diff=$(($(sel_time) - $(date +%s)))
 check "QEMU's BMC turned it around: the SEL time is an hour ahead of the guest's clock ($diff s)" between "$diff" 3590 3610
 
 echo "== first boot: a 1 s hard-reset watchdog, left alone"
-# Only a watchdog with an action runs on QEMU's BMC, and the only action
-# the guest lives through is a reset: its event is looked for in the
+# Only a watchdog with an action expires on QEMU's BMC, and the only action
+# the guest lives through is a reset: its record is looked for in the
 # second boot.
 check "watchdog: SMS/OS, hard reset, 1 s, started" watchdog_run 04 01 10
 if [ "$fails" -ne 0 ]; then finish; exit 1; fi
@@ -243,9 +249,7 @@ start_qeld
 check "the records logged before the start reach syslog" wait_until 300 has_record "$b_id"
 # The agent logs the OS boot itself (sensor 0, from system software 0x41),
 # once a boot, at its first start.
-own() { for id in $(sel_ids); do
-  [ "$(sel_entry "$id" | cut -d' ' -f10-16)" = "41 00 04 1f 00 6f 01" ] && echo "$id"; done; }
-a_id=$(own)
+a_id=$(sel_dump | awk '$9 $10 $11 $12 $13 $14 $15 == "4100041f006f01" { print $1 }')
 check_eq "the agent's boot record, once" 1 "$(echo "$a_id" | grep -c .)"
 expect "$a_id" info
 echo "== the forwarder: a record logged while the agent runs"
@@ -293,7 +297,8 @@ elist=$(ipmitool sel elist 2>/dev/null)
 echo "$elist"
 qlist=$(qelctl sel list 2>&1)
 echo "$qlist"
-ids=$(sel_ids)
+dump=$(sel_dump)
+ids=$(echo "$dump" | cut -d' ' -f1)
 check_eq "records in the log" "$(echo "$expected" | grep -c .)" "$(echo "$ids" | grep -c .)"
 check_eq "SEL record lines in syslog, one per record but the earlier boot's" $(($(echo "$ids" | grep -c .) - 1)) \
   "$(forwarded)"
@@ -315,7 +320,8 @@ for id in $ids; do
     *) fail "record $hid: '$ours' is not ipmitool's '$(col 4) | $(col 5) | $(col 6)'" ;;
   esac
   raw=$(echo "$lines" | sed -n 's/.* RAW=\([0-9A-Fa-f]*\).*/\1/p' | lower)
-  check_eq "record $hid: RAW= holds the controller's bytes" "$(sel_entry "$id" | cut -d' ' -f3-18 | tr -d ' ')" "$raw"
+  check_eq "record $hid: RAW= holds the controller's bytes" \
+    "$(echo "$dump" | awk -v id="$id" '$1 == id { $1 = ""; gsub(/ /, ""); print }')" "$raw"
   stamp=$(echo "$lines" | sed -n 's/.* TIMESTAMP=\([^ ]*\).*/\1/p')
   # ipmitool writes "11/26/26 | 09:54:20 UTC": a two-digit year.
   when=$(echo "$(col 2) $(col 3)" | awk '{ split($1, d, "/"); if (length(d[3]) == 2) d[3] = "20" d[3]
