@@ -85,6 +85,27 @@ PY
 [ "$(ipmi sel info | sed -n 's/^Entries *: *//p')" = 5 ] || fail "ipmitool sees another count"
 ok "sel info: entries, free space, fill level as ipmitool counts them"
 
+# metrics: the log's fill under ipmi_exporter's names, as ipmitool reads it.
+# (Without qeld's figures: its status file is not there.)
+RUNTIME_DIRECTORY=$work/none q metrics >"$work/metrics.txt"
+entries=$(ipmi sel info | sed -n 's/^Entries *: *//p')
+free=$(ipmi sel info | sed -n 's/^Free Space *: *\([0-9]*\) bytes.*/\1/p')
+grep -qx "ipmi_sel_logs_count $entries" "$work/metrics.txt" || fail "metrics: ipmi_sel_logs_count is not $entries"
+grep -qx "ipmi_sel_free_space_bytes $free" "$work/metrics.txt" || fail "metrics: ipmi_sel_free_space_bytes is not $free"
+grep -qx "# TYPE ipmi_sel_logs_count gauge" "$work/metrics.txt" || fail "metrics: no TYPE line for ipmi_sel_logs_count"
+! grep -q "^qel_sel_" "$work/metrics.txt" || fail "metrics: forwarder figures without a forwarder"
+# qeld's forwarder figures, from the file it rewrites after every check.
+mkdir -p "$work/run"
+printf 'checked %s\nforwarded 17\nlast-id 42\nbacklog 1\n' "$(($(date +%s) - 30))" >"$work/run/sel-status"
+RUNTIME_DIRECTORY=$work/run q metrics >"$work/metrics.txt"
+grep -qx "qel_sel_forwarded_records_total 17" "$work/metrics.txt" || fail "metrics: forwarded records"
+grep -qx "# TYPE qel_sel_forwarded_records_total counter" "$work/metrics.txt" || fail "metrics: the count's type"
+grep -qx "qel_sel_last_forwarded_record_id 42" "$work/metrics.txt" || fail "metrics: last forwarded ID"
+grep -qx "qel_sel_backlog 1" "$work/metrics.txt" || fail "metrics: backlog"
+age=$(sed -n 's/^qel_sel_last_check_age_seconds //p' "$work/metrics.txt")
+[ -n "$age" ] && [ "$age" -ge 30 ] && [ "$age" -lt 600 ] || fail "metrics: seconds since the check '$age'"
+ok "metrics: entries $entries and $free bytes free as ipmitool reads them; the forwarder's figures"
+
 set +e
 q sel clear >/dev/null 2>"$work/err"
 rc=$?

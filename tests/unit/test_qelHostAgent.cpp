@@ -16,6 +16,7 @@
 #include <net/if.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -25,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,13 +35,16 @@
 #include "qelConfSpaceData.h"
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
+#include "qelSelForwarder.h"
 #include "qelSimBoard.h"
+#include "qelSimSel.h"
 #include "qelSimConfSpace.h"
 #include "qelSimDevice.h"
 #include "qelSimFru.h"
 #include "qelSimSystemInfo.h"
 #include "qelSimWatchdog.h"
 #include "qelSmbios.h"
+#include "selTestSupport.h"
 #include "smbiosImage.h"
 
 namespace {
@@ -741,6 +746,62 @@ TEST_F(HostAgentTest, ExtraStepsRunEveryPassGuardedUnderTheirName) {
     EXPECT_THAT(logsContaining("event log forwarding works again"), ::testing::SizeIs(2))
         << "after the 2nd and the 4th call";
     EXPECT_GE(resets(), 1u) << "a failing step never stops the watchdog";
+}
+
+// The event log's forwarder as qeld runs it, one step of every pass, behind
+// a backlog of a thousand records: each pass takes at most its 32, the
+// watchdog's reset comes every time it is due, and the backlog drains over
+// the passes, every record once.
+TEST_F(HostAgentTest, AThousandRecordBacklogDrainsOverPassesWithoutDelayingAReset) {
+    network.set({loopback()});
+    sim->sel().setCapacity(2000);
+    for (uint16_t i = 0; i < 1000; ++i) {
+        selTest::Event e;
+        e.sensorNumber = static_cast<uint8_t>(i & 0xFF);
+        sim->sel().add(selTest::rawOf(e));
+    }
+    struct Counting : qelSel::SelSink {
+        std::vector<qelSel::RawRecord> taken;
+        bool deliver(const qelSel::LogEntry& entry) override {
+            if (entry.record) taken.push_back(*entry.record);
+            return true;
+        }
+    } sink;
+    qelSel::ForwarderOptions f;
+    f.replay = true;
+    qelSel::QelSelForwarder forwarder(sink, f);
+    QelHostAgent::Options o = options();
+    std::vector<size_t> perPass;
+    std::vector<size_t> selRequests;
+    o.steps.push_back({"event log forwarding", [&] {
+                           const size_t before = sink.taken.size();
+                           const size_t requestsBefore = count(0x0A, 0x43);
+                           forwarder.pass();
+                           perPass.push_back(sink.taken.size() - before);
+                           selRequests.push_back(count(0x0A, 0x43) - requestsBefore);
+                       }});
+    auto a = std::make_unique<QelHostAgent>(o);
+    sim->clearRequests();
+    // Where each reset fell, in passes: the watchdog's period is 300 s, and
+    // the agent resets it every 100 s (five passes of 20 s).
+    std::vector<int> resetPasses;
+    size_t lastResets = 0;
+    run(*a, 45, [&](int pass) {
+        if (resets() != lastResets) resetPasses.push_back(pass);
+        lastResets = resets();
+    });
+    ASSERT_EQ(sink.taken.size(), 1000u) << "drained within 45 passes";
+    for (size_t n : perPass) EXPECT_LE(n, 32u);
+    for (size_t n : selRequests) EXPECT_LE(n, 36u) << "Get SEL Entry requests in one pass";
+    EXPECT_GE(std::count_if(perPass.begin(), perPass.end(), [](size_t n) { return n > 0; }), 31)
+        << "1,000 records take at least 32 passes";
+    std::set<std::vector<uint8_t>> unique;
+    for (const auto& r : sink.taken) unique.insert(std::vector<uint8_t>(r.begin(), r.end()));
+    EXPECT_EQ(unique.size(), 1000u) << "every record once";
+    ASSERT_GE(resetPasses.size(), 8u);
+    for (size_t i = 1; i < resetPasses.size(); ++i)
+        EXPECT_LE(resetPasses[i] - resetPasses[i - 1], 5) << "a reset is never late, also while the backlog drains";
+    EXPECT_THAT(sim->watchdog().expiries(), IsEmpty());
 }
 
 TEST_F(HostAgentTest, ATimerStoppedBySomeoneElseIsLoggedAndStartedAgain) {

@@ -1,10 +1,16 @@
 // qelctl sel: the controller's event log. `info` is the log's state, `list`
 // and `get` its records with the same text the forwarder gives the journal,
 // `clear` erases it (only with --yes: what is erased is gone).
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <vector>
 
+#include "qelSdr.h"
 #include "qelSel.h"
 #include "qelSelText.h"
 #include "qelctlCommands.h"
@@ -25,8 +31,37 @@ std::string timeText(uint32_t t) {
     throw Failure(text);
 }
 
+// The sensors' names from the controller's SDR repository, so a record reads
+// as qeld gives it to the journal. qeld's cache of the repository is used
+// (and kept current) where it exists; a repository that cannot be read
+// leaves the names out, never the records.
+const std::vector<qelSdr::SensorName>& sensorNames() {
+    static const std::vector<qelSdr::SensorName> names = [] {
+        const char* env = std::getenv("CACHE_DIRECTORY");
+        const std::string cache = std::string(env != nullptr && env[0] == '/' ? env : "/var/cache/qeld") + "/sdr";
+        struct stat info;
+        const bool cached = ::stat(cache.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && ::access(cache.c_str(), W_OK) == 0;
+        try {
+            qelSdr::QelSdrRepository repository(cached ? cache : std::string());
+            repository.load();
+            return repository.sensorNames();
+        } catch (const std::exception&) {
+            return std::vector<qelSdr::SensorName>();
+        }
+    }();
+    return names;
+}
+
+std::string nameOf(const qelSel::SelRecord& r) {
+    if (!r.isSystemEvent()) return std::string();
+    const qelSdr::SensorName* found =
+        qelSdr::findSensor(sensorNames(), static_cast<uint8_t>(r.generatorId & 0xFF),
+                           static_cast<uint8_t>((r.generatorId >> 8) & 0x03), r.sensorNumber);
+    return found == nullptr ? std::string() : found->name;
+}
+
 Json recordDocument(const qelSel::SelRecord& r) {
-    const qelSel::DecodedEvent event = qelSel::decode(r);
+    const qelSel::DecodedEvent event = qelSel::decode(r, nameOf(r));
     Json doc;
     auto field = [&](const char* name) -> Json {
         for (const auto& f : event.fields)

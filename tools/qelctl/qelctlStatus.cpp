@@ -3,9 +3,15 @@
 // collector), under the names ipmi_exporter's watchdog collector uses where
 // it has one, so dashboards and alerts keep working.
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
 #include <iostream>
+#include <map>
+#include <string>
 
 #include "qelErrorText.h"
+#include "qelSel.h"
 #include "qelctlCommands.h"
 
 namespace qelctl {
@@ -71,13 +77,46 @@ const char* const actionNames[] = {"none", "hard reset", "power down", "power cy
 // With --json the samples are collected here instead of printed.
 Json* jsonSamples = nullptr;
 
-void metric(const char* name, const char* help, const std::string& labels, double value, bool header = true) {
+void metric(const char* name, const char* help, const std::string& labels, double value, bool header = true,
+            const char* type = "gauge") {
     if (jsonSamples != nullptr) {
         jsonSamples->push_back(Json{{"name", name}, {"labels", labels}, {"value", value}});
         return;
     }
-    if (header) std::cout << "# HELP " << name << ' ' << help << "\n# TYPE " << name << " gauge\n";
+    if (header) std::cout << "# HELP " << name << ' ' << help << "\n# TYPE " << name << ' ' << type << '\n';
     std::cout << name << (labels.empty() ? "" : "{" + labels + "}") << ' ' << value << '\n';
+}
+
+// What qeld's event log forwarder wrote after its last look at the log
+// (qeldSel.h): nothing when qeld does not forward or has not looked yet.
+void selForwarderMetrics() {
+    const char* runtime = std::getenv("RUNTIME_DIRECTORY");
+    const std::string path =
+        std::string(runtime != nullptr && runtime[0] == '/' ? runtime : "/run/qeld") + "/sel-status";
+    std::ifstream in(path);
+    std::map<std::string, std::string> values;
+    std::string key, value;
+    while (in >> key >> value) values[key] = value;
+    auto number = [&values](const char* name, double& out) {
+        const auto found = values.find(name);
+        if (found == values.end()) return false;
+        char* end = nullptr;
+        out = std::strtod(found->second.c_str(), &end);
+        return end != found->second.c_str() && *end == '\0';
+    };
+    double checked = 0, forwarded = 0, lastId = 0, backlog = 0;
+    if (!number("checked", checked)) return;
+    if (number("forwarded", forwarded))
+        metric("qel_sel_forwarded_records_total", "Event log records qeld forwarded to the host's log.", "",
+               forwarded, true, "counter");
+    if (number("last-id", lastId))
+        metric("qel_sel_last_forwarded_record_id", "The record ID of the last event log record qeld forwarded.",
+               "", lastId);
+    const double age = static_cast<double>(std::time(nullptr)) - checked;
+    metric("qel_sel_last_check_age_seconds", "Seconds since qeld last looked at the controller's event log.", "",
+           age < 0 ? 0 : age);
+    if (number("backlog", backlog))
+        metric("qel_sel_backlog", "1 while event log records wait for qeld's next passes.", "", backlog);
 }
 
 int metrics(const Output& out) {
@@ -126,12 +165,30 @@ int metrics(const Output& out) {
             if (i["published"].get<std::string>().find("NIC record") != std::string::npos) ++nics;
         metric("qel_agent_nics_published", "Interfaces whose addresses the agent publishes to NIC records", "", nics);
     }
-    printErrors(status, "metrics");
+    Json errors = status["errors"];
+    if (!status["watchdog"].is_null()) {
+        // The event log's fill, under ipmi_exporter's names.
+        // A controller without an event log (Get SEL Info refused as an
+        // invalid command) has no such metrics; any other failure is one.
+        qelSel::QelSel sel;
+        try {
+            const qelSel::SelInfo info = sel.info();
+            metric("ipmi_sel_logs_count", "Current number of log entries in the SEL.", "", info.entries);
+            metric("ipmi_sel_free_space_bytes", "Current free space remaining for new SEL entries.", "",
+                   info.freeBytes);
+        } catch (const std::exception& e) {
+            if (sel.lastCompletionCode() != 0xC1) errors["sel"] = qelError::textOf(e);
+        }
+    }
+    selForwarderMetrics();
+    Json shown = status;
+    shown["errors"] = errors;
+    printErrors(shown, "metrics");
     if (out.json) {
         jsonSamples = nullptr;
         Output::print(Json{{"metrics", samples}});
     }
-    return statusOf(status);
+    return statusOf(shown);
 }
 
 }  // namespace
