@@ -3,18 +3,25 @@
 // largest read it allows, the erase's length, records of any bytes) and
 // whose replies it bends (fuzzController.h). Whatever comes back, the reader
 // answers or throws QelSelError; it never reads past a reply and never loops
-// without end.
+// without end. Every record read is then decoded as the forwarder does it:
+// through a PanicAssembler, in log order, flushed at the end, so the kernel's
+// panic pieces and whatever the bent replies made of records reach the text
+// decoder.
 //
 // Input: one byte picks the first operation, the rest shapes the log, drives
-// the controller and picks the operations that follow.
+// the controller and picks the operations that follow. Decoding takes no
+// input, so the corpus of the reader alone still means what it meant.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "fuzzController.h"
 #include "fuzzNetwork.h"  // the platform's network calls (none used here)
 #include "fuzzPlatform.h"
 #include "qelSel.h"
+#include "qelSelText.h"
 #include "qelSimSel.h"
 
 namespace {
@@ -35,7 +42,29 @@ void shapeLog(FuzzedDataProvider& in, qelSim::SimSel& log) {
     }
 }
 
-void operate(FuzzedDataProvider& in, qelSel::QelSel& sel, unsigned char which) {
+// The forwarder's side of what was read: every record through the panic
+// assembler, every byte of every event text and field looked at.
+class Decoder {
+public:
+    void take(const qelSel::SelRecord& record) { use(assembler_.feed(record)); }
+    void take(const std::vector<qelSel::SelRecord>& records) {
+        for (const qelSel::SelRecord& record : records) take(record);
+    }
+    void finish() { use(assembler_.flush()); }
+
+private:
+    void use(const std::vector<qelSel::DecodedEvent>& events) {
+        for (const qelSel::DecodedEvent& event : events) {
+            for (char c : event.text) sum_ += static_cast<unsigned char>(c);
+            for (const qelSel::JournalField& field : event.fields)
+                for (char c : field.value) sum_ += static_cast<unsigned char>(c);
+        }
+    }
+    qelSel::PanicAssembler assembler_;
+    std::size_t sum_ = 0;
+};
+
+void operate(FuzzedDataProvider& in, qelSel::QelSel& sel, unsigned char which, Decoder& decoder) {
     const auto id = in.ConsumeIntegral<std::uint16_t>();
     const std::size_t count = in.ConsumeIntegralInRange<std::size_t>(0, 100);
     try {
@@ -44,10 +73,12 @@ void operate(FuzzedDataProvider& in, qelSel::QelSel& sel, unsigned char which) {
         case 1: (void)sel.allocationInfo(); break;
         case 2: (void)sel.reserve(); break;
         case 3: (void)sel.time(); break;
-        case 4: (void)sel.read(id); break;
-        case 5: (void)sel.readForward(in.ConsumeBool() ? qelSel::firstRecordId : id, count); break;
-        case 6: (void)sel.readAfter(id, count); break;
-        case 7: (void)sel.after(id); break;
+        case 4: decoder.take(sel.read(id).record); break;
+        case 5: decoder.take(sel.readForward(in.ConsumeBool() ? qelSel::firstRecordId : id, count).records); break;
+        case 6: decoder.take(sel.readAfter(id, count).records); break;
+        case 7:
+            if (auto record = sel.after(id)) decoder.take(*record);
+            break;
         default: sel.clear(); break;
         }
     } catch (qelSel::QelSelError&) {
@@ -64,8 +95,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     shapeLog(in, controller->sel());
     qelSel::QelSel sel(qelSel::QelSel::Limits{in.ConsumeIntegralInRange<unsigned int>(0, 4),
                                               in.ConsumeIntegralInRange<unsigned int>(0, 40)});
-    operate(in, sel, input.selector);
+    Decoder decoder;
+    operate(in, sel, input.selector, decoder);
     for (int more = in.ConsumeIntegralInRange<int>(0, 4); more > 0; --more)
-        operate(in, sel, in.ConsumeIntegral<unsigned char>());
+        operate(in, sel, in.ConsumeIntegral<unsigned char>(), decoder);
+    decoder.finish();
     return 0;
 }

@@ -4,7 +4,8 @@
 // the simulator's builder (for fuzz_pni and fuzz_qelctl), the real SMBIOS
 // tables of SMBIOS_TABLE_DIR (files in dmidecode's --dump-bin layout) placed
 // in the F-segment with the table in low memory, above 1 MiB and on an ESXi
-// device, and one seed per component, mode or command for the others.
+// device, repositories and records that parse for fuzz_sdr, and one seed per
+// component, mode or command for the others.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "qelSdrRecord.h"
 #include "qelSimFru.h"
 
 namespace {
@@ -176,6 +178,109 @@ void smbiosSeeds(const fs::path& dir, const fs::path& tables) {
     std::cout << "smbios: " << written << " tables\n";
 }
 
+// An input as FuzzedDataProvider takes it apart: bytes from the front,
+// integers from the back (the last byte first, most significant first).
+class ProviderInput {
+public:
+    // A value of ConsumeIntegralInRange(min, max).
+    ProviderInput& integer(long long min, long long max, long long value) {
+        unsigned long long range = static_cast<unsigned long long>(max - min);
+        unsigned long long offset = static_cast<unsigned long long>(value - min);
+        std::vector<unsigned char> bytes;
+        for (; range > 0; range >>= 8, offset >>= 8) bytes.push_back(static_cast<unsigned char>(offset));
+        back_.insert(back_.end(), bytes.rbegin(), bytes.rend());
+        return *this;
+    }
+    ProviderInput& byte(unsigned char value) { return integer(0, 255, value); }
+    ProviderInput& flag(bool value) { return byte(value ? 1 : 0); }
+    ProviderInput& bytes(const Bytes& value) {
+        front_.insert(front_.end(), value.begin(), value.end());
+        return *this;
+    }
+    // The selector byte, then the rest.
+    Bytes build(unsigned char selector) const {
+        Bytes out{selector};
+        out.insert(out.end(), front_.begin(), front_.end());
+        out.insert(out.end(), back_.rbegin(), back_.rend());
+        return out;
+    }
+
+private:
+    Bytes front_, back_;
+};
+
+// fuzz_sdr's sensor record from the fields someSensor() consumes.
+void sensorInput(ProviderInput& in, unsigned char type, unsigned char number, unsigned char sensorType,
+                 unsigned char eventType, const std::string& name, unsigned char share) {
+    in.integer(1, 3, type).byte(0x20).byte(0).byte(0).byte(number).byte(0x03).byte(1).flag(false);
+    in.byte(sensorType).byte(eventType).integer(0, 0xFFFF, 0x3F3F).byte(0x00).byte(0x01);
+    in.integer(-512, 511, 1).integer(-512, 511, 0).integer(-8, 7, 0).integer(-8, 7, 0);
+    in.byte(share).byte(0).byte(1).flag(false).byte(0xC0 | name.size());
+    in.integer(0, 20, static_cast<long long>(name.size())).bytes(Bytes(name.begin(), name.end()));
+}
+
+Bytes sensorRecordBytes(unsigned char type, unsigned char number, const std::string& name) {
+    qelSdr::SensorRecord s;
+    s.recordId = number;
+    s.recordType = type;
+    s.ownerId = 0x20;
+    s.sensorNumber = number;
+    s.entityId = 0x03;
+    s.sensorType = 0x01;
+    s.eventReadingType = type == qelSdr::recordType::eventOnly ? 0x6F : 0x01;
+    s.readingMask = 0x3F3F;
+    s.units2 = 0x01;
+    s.m = 1;
+    s.shareCount = type == qelSdr::recordType::fullSensor ? 0 : 2;
+    s.id = qelSdr::IdString::latin1Text(name);
+    return s.toBytes();
+}
+
+// fuzz_sdr: one seed per mode, each a repository or records that read and
+// parse cleanly, so the fuzzer starts from the paths that succeed.
+void sdrSeeds(const fs::path& dir) {
+    for (unsigned char cache = 0; cache < 2; ++cache) {
+        ProviderInput in;
+        in.flag(false).integer(1, 0x7FFF, 3).flag(false).integer(1, 40, 16).integer(0, 24, 3);
+        in.flag(true);
+        sensorInput(in, 1, 0x30, 0x01, 0x01, "CPU0 Temp", 0);
+        in.byte(0x40).flag(true);
+        sensorInput(in, 2, 0x40, 0x04, 0x01, "Fan", 4);
+        in.byte(0x20).flag(false).byte(0x11).integer(0, 0xFF, 12).bytes({0x20, 0x00, 0x00, 0x07, 0x10, 0x01, 0,
+                                                                           0, 0xC3, 'F', 'R', 'U'});
+        if (cache) in.flag(false).integer(0, 3, 0);
+        write(dir, cache ? "cache" : "load", in.build(cache));
+    }
+    ProviderInput records;
+    records.integer(0, 16, 3);
+    for (unsigned char type = 1; type <= 3; ++type) {
+        const Bytes bytes = sensorRecordBytes(type, static_cast<unsigned char>(0x10 * type), "Sensor " + std::to_string(type));
+        records.integer(0, 300, static_cast<long long>(bytes.size())).bytes(bytes).flag(false);
+    }
+    records.byte(0x20).byte(0x00).byte(0x10);
+    write(dir, "records", records.build(2));
+
+    ProviderInput events;
+    events.integer(0, 16, 1);
+    const Bytes sensor = sensorRecordBytes(1, 0x30, "CPU0 Temp");
+    events.integer(0, 300, static_cast<long long>(sensor.size())).bytes(sensor).flag(false);
+    // ConsumeRandomLengthString: up to a backslash and the byte after it.
+    events.bytes({'a', 0x01, 0xC3, 0xA9, 0xFF, '\\', 'x'});
+    const Bytes sel[] = {
+        {0x01, 0x00, 0x02, 0x00, 0x00, 0x00, 0x6A, 0x20, 0x00, 0x04, 0x01, 0x30, 0x01, 0x59, 0x5A, 0x50},
+        {0x02, 0x00, 0x02, 0x00, 0x00, 0x00, 0x6A, 0x41, 0x00, 0x04, 0x20, 0x4F, 0x6F, 0xA1, 0x6F, 0x70},
+        {0x03, 0x00, 0xF0, 0x20, 0x00, 's', ':', ' ', 'k', 'e', 'r', 'n', 'e', 'l', ' ', 'N'},
+        {0x04, 0x00, 0xF0, 0x20, 0x01, 'U', 'L', 'L', 0, 0, 0, 0, 0, 0, 0, 0},
+        {0x05, 0x00, 0xC1, 0x00, 0x00, 0x00, 0x6A, 0x57, 0x01, 0x00, 1, 2, 3, 4, 5, 6},
+    };
+    for (const Bytes& record : sel) {
+        events.integer(0, 3, 0);
+        for (unsigned char b : record) events.byte(b);
+        events.flag(false).integer(0, 15, 1);
+    }
+    write(dir, "events", events.build(3));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -198,6 +303,7 @@ int main(int argc, char** argv) {
     qelctlSeeds(out / "fuzz_qelctl");
     write(out / "fuzz_network", "legacy", {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
     write(out / "fuzz_network", "netlink", {0x01, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
+    sdrSeeds(out / "fuzz_sdr");
     if (argc > 2) smbiosSeeds(out / "fuzz_smbios", argv[2]);
     return 0;
 }

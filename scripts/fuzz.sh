@@ -10,7 +10,7 @@
 #   --seconds N       how long each target runs at most (default 60)
 #   --runs N          ... or until it executed N inputs, whichever comes first
 #   --parallel J      targets run at once, 1 or 2 (default 1; the machine is shared)
-#   --targets LIST    the targets to run (default: all seven)
+#   --targets LIST    the targets to run (default: all eight)
 #   --build-dir DIR   the fuzz tree (default build/fuzz)
 #   --planted         also build fuzz_smbios_planted, the target over a
 #                     deliberately broken copy of the SMBIOS reader (kept
@@ -31,7 +31,7 @@ seconds=60
 runs=-1
 parallel=1
 # The slowest first, so that two at a time finish close together.
-targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_qelctl fuzz_pni fuzz_network fuzz_sel"
+targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_qelctl fuzz_pni fuzz_network fuzz_sel fuzz_sdr"
 build=build/fuzz
 planted=
 build_only=0
