@@ -325,20 +325,31 @@ void QelSelForwarder::startingPoint(QelSel& sel, const SelInfo& info) {
     c.notAfter = since > 0 ? static_cast<uint32_t>(since - 1) : 0;
 }
 
-// A record handed to the journal just before a kill, before the state said
-// so: the journal knows it was taken, so it is not handed again.
+// Records handed to the journal just before a kill, after the state was last
+// saved: the journal knows the last one it took, so none of them is handed
+// again. The state is saved once a pass, so up to a pass's records (and the
+// pieces of a kernel panic held over from the pass before) lie between it
+// and what the journal took.
 void QelSelForwarder::reconcile(QelSel& sel) {
     reconciled_ = true;
     Cursor& c = *cursor_;
     if (!state_->haveLast || c.atEnd) return;
     const std::optional<RawRecord> delivered = sink_.lastDelivered();
     if (!delivered || *delivered == state_->lastRaw) return;
-    const SelEntry next = sel.read(c.next);
-    if (next.record.raw != *delivered) return;
-    advance(next.record, true);
+    const SelBatch batch = sel.readForward(c.next, 2 * options_.maxRecordsPerPass + 16);
+    std::size_t taken = 0;
+    while (taken < batch.records.size() && batch.records[taken].raw != *delivered) ++taken;
+    if (taken == batch.records.size()) return;  // not among them: nothing was taken unsaid
+    ++taken;
+    for (std::size_t i = 0; i < taken; ++i) advance(batch.records[i], true);
     saveState();
-    c.next = next.nextId;
-    c.atEnd = next.nextId == lastRecordId;
+    if (taken == batch.records.size()) {
+        c.next = batch.nextId;
+        c.atEnd = batch.atEnd();
+    } else {
+        c.next = batch.records[taken].recordId;
+        c.atEnd = false;
+    }
 }
 
 void QelSelForwarder::advance(const SelRecord& record, bool forwarded) {
@@ -374,10 +385,9 @@ bool QelSelForwarder::feed(const SelRecord& record) {
     const std::vector<DecodedEvent> events = panics_.feed(record, name);
     for (const DecodedEvent& event : events)
         if (!deliver(event, record)) return false;
-    if (!panics_.holding()) {
-        advance(record, true);
-        saveState();
-    }
+    // The state is saved at the end of the pass: one write (and fsync) for
+    // up to a pass's records, not one each.
+    if (!panics_.holding()) advance(record, true);
     return true;
 }
 
