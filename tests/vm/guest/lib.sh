@@ -21,6 +21,18 @@ finish() {
 }
 
 # The value of KEY in key=value lines on stdin.
+# await_reset: the watchdog was armed to reset the machine; report the checks
+# so far and the moment, then wait for the reset. The host expects it well
+# before the wait ends; a guest that is still here failed.
+await_reset() {
+  if [ "$fails" -ne 0 ]; then finish; exit 1; fi
+  echo "checks before the reset: $passes passed, $fails failed"
+  echo "QEL-VM-ARMED uptime=$(cut -d' ' -f1 /proc/uptime)"
+  sleep 60
+  fail "the watchdog did not reset the machine within 60 s"
+  finish
+  exit 1
+}
 kv() { sed -n "s/^$1=//p" | head -1; }
 # Hex bytes as one line, single blanks, no leading or trailing blank.
 bytes() { tr -s ' \n' '  ' | sed 's/^ //; s/ $//'; }

@@ -170,13 +170,7 @@ echo "== first boot: a 1 s hard-reset watchdog, left alone"
 # the guest lives through is a reset: its record is looked for in the
 # second boot.
 check "watchdog: SMS/OS, hard reset, 1 s, started" watchdog_run 04 01 10
-if [ "$fails" -ne 0 ]; then finish; exit 1; fi
-echo "checks before the reset: $passes passed, $fails failed"
-echo "QEL-VM-ARMED uptime=$(cut -d' ' -f1 /proc/uptime)"
-sleep 60
-fail "the watchdog did not reset the machine within 60 s"
-finish
-exit 1
+await_reset
 fi
 
 echo "== second boot: the watchdog's expiry in the log"
