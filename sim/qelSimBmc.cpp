@@ -136,9 +136,9 @@ std::vector<std::string> SimBmc::openAttempts() const {
     return openAttempts_;
 }
 
-void SimBmc::selectCalled() {
+void SimBmc::selectCalled(int calls) {
     Lock lock(mutex_);
-    ++selectCalls_;
+    selectCalls_ += calls;
 }
 
 int SimBmc::selectCalls() const {

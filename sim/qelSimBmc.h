@@ -178,7 +178,7 @@ public:
     std::vector<std::string> openedPaths() const;
     // How often select was called on any device: one exchange makes one call
     // per pass of the library's receive loop.
-    void selectCalled();
+    void selectCalled(int calls = 1);
     int selectCalls() const;
 
     // ---- clock, in milliseconds since the controller started

@@ -69,8 +69,8 @@ int requestFromKernel(const void* ipmiReq, Request& out) {
     return 0;
 }
 
-DeviceQueue::DeviceQueue(bool selectable)
-    : eventFd_(selectable ? ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1) {
+DeviceQueue::DeviceQueue(bool selectable, bool signalled)
+    : eventFd_(selectable ? ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1), signalled_(signalled) {
     std::memset(address_, IPMI_BMC_SLAVE_ADDR, sizeof address_);
     std::memset(lun_, 2, sizeof lun_);  // the kernel's own LUN for requests it sends
 }
@@ -82,7 +82,7 @@ DeviceQueue::~DeviceQueue() {
 void DeviceQueue::push(PendingMessage message) {
     if (message.reportedLength == 0) message.reportedLength = message.data.size();
     pending_.push_back(std::move(message));
-    if (eventFd_ < 0) return;
+    if (eventFd_ < 0 || !signalled_ || pending_.size() > 1) return;
     std::uint64_t one = 1;
     if (::write(eventFd_, &one, sizeof one) < 0) {
         // The counter cannot overflow with the few messages a test queues.
@@ -93,7 +93,7 @@ std::deque<PendingMessage> DeviceQueue::takeAll() {
     std::deque<PendingMessage> all;
     all.swap(pending_);
     std::uint64_t count;
-    if (eventFd_ >= 0 && ::read(eventFd_, &count, sizeof count) < 0) {
+    if (eventFd_ >= 0 && signalled_ && !all.empty() && ::read(eventFd_, &count, sizeof count) < 0) {
         // Already zero: nothing was signalled.
     }
     return all;
@@ -103,6 +103,12 @@ std::optional<Fault> DeviceQueue::takeDeviceFault() {
     std::optional<Fault> f;
     f.swap(deviceFault_);
     return f;
+}
+
+bool DeviceQueue::selectAnswersAtOnce(int nfds, const fd_set* readSet) const {
+    if (deviceFault_ && deviceFault_->kind != Fault::ReceiveFails) return true;
+    return readSet != nullptr && eventFd_ >= 0 && eventFd_ < nfds && FD_ISSET(eventFd_, readSet) &&
+           !pending_.empty();
 }
 
 int DeviceQueue::select(int nfds, fd_set* readSet, struct timeval* timeout, bool realTimeouts) {
@@ -198,7 +204,7 @@ int DeviceQueue::receive(void* argument) {
     PendingMessage m = std::move(pending_.front());
     pending_.pop_front();
     std::uint64_t count;
-    if (pending_.empty() && eventFd_ >= 0 && ::read(eventFd_, &count, sizeof count) < 0) {
+    if (pending_.empty() && eventFd_ >= 0 && signalled_ && ::read(eventFd_, &count, sizeof count) < 0) {
     }
 
     if (recv->addr == nullptr || recv->addr_len < static_cast<int>(sizeof(ipmi_ipmb_addr))) {

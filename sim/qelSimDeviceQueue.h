@@ -49,8 +49,12 @@ struct PendingMessage {
 class DeviceQueue {
 public:
     // A selectable queue owns an eventfd that is readable while messages
-    // wait; the controller process keeps queues without one.
-    explicit DeviceQueue(bool selectable = true);
+    // wait; the controller process keeps queues without one. A queue that is
+    // not `signalled` keeps the eventfd (a descriptor number of its own) but
+    // never writes or reads its counter: for a device whose every select
+    // comes to select() below, as the library's device seam does, the counter
+    // tells nothing and costs two system calls an exchange.
+    explicit DeviceQueue(bool selectable = true, bool signalled = true);
     ~DeviceQueue();
     DeviceQueue(const DeviceQueue&) = delete;
     DeviceQueue& operator=(const DeviceQueue&) = delete;
@@ -60,6 +64,10 @@ public:
 
     void push(PendingMessage message);
     bool empty() const { return pending_.empty(); }
+    // Whether select() answers without waiting and without anything the
+    // controller may have changed since the last exchange: a fault of the
+    // device's to apply, or a message waiting for a descriptor in the set.
+    bool selectAnswersAtOnce(int nfds, const fd_set* readSet) const;
     // Everything waiting, in order; the queue is empty afterwards.
     [[nodiscard]] std::deque<PendingMessage> takeAll();
 
@@ -82,6 +90,7 @@ private:
     int receive(void* argument);
 
     int eventFd_;
+    bool signalled_;
     std::deque<PendingMessage> pending_;
     std::optional<Fault> deviceFault_;
     int getsEvents_ = 0;

@@ -32,7 +32,8 @@ private:
 }  // namespace
 
 std::unique_ptr<qelIpmi::QelIpmiDevice> SocketDeviceProvider::open(const char* path, int) {
-    auto client = std::make_unique<SocketDeviceClient>();
+    // The library selects through the seam only, never on the descriptor.
+    auto client = std::make_unique<SocketDeviceClient>(false);
     if (int e = client->open(socketPath_, path ? path : "")) {
         errno = e;
         return nullptr;

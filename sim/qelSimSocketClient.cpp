@@ -18,6 +18,7 @@ SocketConnection::~SocketConnection() { close(); }
 void SocketConnection::close() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
+    in_.clear();
 }
 
 int SocketConnection::connect(const std::string& socketPath) {
@@ -43,7 +44,7 @@ int SocketConnection::call(const wire::Writer& request, std::int32_t& status, By
     if (fd_ < 0) return ENOTCONN;
     Bytes payload;
     int e = wire::writeFrame(fd_, request.data());
-    if (e == 0) e = wire::readFrame(fd_, payload);
+    if (e == 0) e = wire::readFrame(fd_, in_, payload);
     if (e == 0 && payload.size() < 4) e = EPROTO;
     if (e != 0) {
         close();
@@ -70,6 +71,7 @@ SocketDeviceClient::~SocketDeviceClient() {
     if (!open_) return;
     wire::Writer w;
     w.u8(static_cast<unsigned>(wire::Op::Close));
+    putUncountedSelects(w);
     std::int32_t status;
     Bytes reply;
     if (connection_.call(w, status, reply) != 0) {
@@ -106,6 +108,7 @@ int SocketDeviceClient::send(void* argument) {
     wire::Writer w;
     w.u8(static_cast<unsigned>(wire::Op::Send));
     wire::putRequest(w, r);
+    putUncountedSelects(w);
     std::int32_t status;
     Bytes replyBytes;
     if (int e = connection_.call(w, status, replyBytes)) {
@@ -130,11 +133,21 @@ int SocketDeviceClient::send(void* argument) {
     return 0;
 }
 
+void SocketDeviceClient::putUncountedSelects(wire::Writer& w) {
+    w.u32(uncountedSelects_);
+    uncountedSelects_ = 0;
+}
+
 int SocketDeviceClient::select(int nfds, fd_set* readSet, struct timeval* timeout) {
-    // The controller counts select calls, and its real-time-out setting may
-    // have changed since the last exchange.
+    if (queue_.selectAnswersAtOnce(nfds, readSet)) {
+        ++uncountedSelects_;
+        return queue_.select(nfds, readSet, timeout, realTimeouts_);
+    }
+    // Otherwise the select may wait, and the controller's real-time-out
+    // setting may have changed since the last exchange.
     wire::Writer w;
     w.u8(static_cast<unsigned>(wire::Op::Select));
+    putUncountedSelects(w);
     std::int32_t status;
     Bytes reply;
     if (int e = connection_.call(w, status, reply)) {

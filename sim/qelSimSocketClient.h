@@ -42,11 +42,17 @@ public:
 
 private:
     int fd_ = -1;
+    // What arrived past the frame being read (nothing, in a strict request
+    // and reply conversation; kept rather than lost all the same).
+    Bytes in_;
 };
 
 class SocketDeviceClient {
 public:
-    SocketDeviceClient() = default;
+    // `signalled`: whether the descriptor's readiness must be true for any
+    // select or poll (the preload library's programs watch it themselves),
+    // or only for select() below (the library's device seam).
+    explicit SocketDeviceClient(bool signalled = true) : queue_(true, signalled) {}
     // Closes the device at the controller (a round trip, so the controller
     // has counted the close when this returns).
     ~SocketDeviceClient();
@@ -58,18 +64,24 @@ public:
     [[nodiscard]] int open(const std::string& socketPath, const std::string& devicePath);
 
     // As the kernel device: the selectable descriptor, ioctl(2) (0 or -1
-    // with errno) and select(2) over a read set that holds fd().
+    // with errno) and select(2) over a read set that holds fd(). A select
+    // that a waiting message or fault answers needs nothing of the
+    // controller and is answered here; the controller counts it with the
+    // connection's next operation.
     int fd() const { return queue_.fd(); }
     int ioctl(unsigned long request, void* argument);
     int select(int nfds, fd_set* readSet, struct timeval* timeout);
 
 private:
     int send(void* argument);
+    // Appends the selects answered here since the last operation.
+    void putUncountedSelects(wire::Writer& w);
 
     SocketConnection connection_;
     DeviceQueue queue_;
     bool open_ = false;
     bool realTimeouts_ = false;
+    std::uint32_t uncountedSelects_ = 0;
 };
 
 }  // namespace qelSim

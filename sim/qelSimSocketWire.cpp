@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace qelSim {
 namespace wire {
@@ -187,39 +188,40 @@ int writeAll(int fd, const unsigned char* p, std::size_t n) {
     return 0;
 }
 
-int readAll(int fd, unsigned char* p, std::size_t n) {
-    while (n > 0) {
-        ssize_t done = ::recv(fd, p, n, 0);
-        if (done == 0) return ECONNRESET;
-        if (done < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        p += done;
-        n -= static_cast<std::size_t>(done);
-    }
-    return 0;
-}
-
 }  // namespace
 
 int writeFrame(int fd, const Bytes& payload) {
     if (payload.size() > maxFrame) return EMSGSIZE;
+    unsigned char small[512];  // a device operation's frame: no allocation
+    if (payload.size() + 4 <= sizeof small) {
+        const auto n = static_cast<std::uint32_t>(payload.size());
+        small[0] = static_cast<unsigned char>(n >> 24);
+        small[1] = static_cast<unsigned char>(n >> 16);
+        small[2] = static_cast<unsigned char>(n >> 8);
+        small[3] = static_cast<unsigned char>(n);
+        if (n > 0) std::memcpy(small + 4, payload.data(), n);
+        return writeAll(fd, small, n + 4);
+    }
     Bytes whole = frame(payload);
     return writeAll(fd, whole.data(), whole.size());
 }
 
-int readFrame(int fd, Bytes& payload) {
-    unsigned char head[4];
-    if (int e = readAll(fd, head, sizeof head)) return e;
-    std::uint32_t length = static_cast<std::uint32_t>(head[0]) << 24 |
-                           static_cast<std::uint32_t>(head[1]) << 16 |
-                           static_cast<std::uint32_t>(head[2]) << 8 | head[3];
-    if (length > maxFrame) return EPROTO;
-    Bytes body(length);
-    if (int e = readAll(fd, body.data(), length)) return e;
-    payload.swap(body);
-    return 0;
+int readFrame(int fd, Bytes& buffer, Bytes& payload) {
+    for (;;) {
+        try {
+            if (takeFrame(buffer, payload)) return 0;
+        } catch (const WireError&) {
+            return EPROTO;
+        }
+        unsigned char chunk[16384];
+        ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+        if (n == 0) return ECONNRESET;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        buffer.insert(buffer.end(), chunk, chunk + n);
+    }
 }
 
 }  // namespace wire

@@ -13,7 +13,11 @@
 // SEND runs one exchange and its reply hands back everything the exchange
 // queued, with the fault the client's next select or receive applies and
 // whether select waits out real time-outs; SELECT counts a select call and
-// answers that flag again; CLOSE closes the device. The rest are control
+// answers that flag again; CLOSE closes the device. SEND, SELECT and CLOSE
+// end with a 32-bit count of the selects the client answered on its own
+// since its last operation (a message or fault was waiting), which the
+// controller adds to its count; an older client's operation without it
+// counts none. The rest are control
 // operations for tests and tools.
 //
 // Like the queue, this file uses nothing of libqelbase or of SimBmc's code:
@@ -35,9 +39,9 @@ namespace wire {
 
 enum class Op : unsigned char {
     Open = 0x01,           // string path               -> status
-    Send = 0x02,           // request                    -> status, SendReply
-    Select = 0x03,         //                            -> status, u8 realTimeouts
-    Close = 0x04,          //                            -> status
+    Send = 0x02,           // request, [u32 selects]     -> status, SendReply
+    Select = 0x03,         // [u32 selects]              -> status, u8 realTimeouts
+    Close = 0x04,          // [u32 selects]              -> status
     Advance = 0x10,        // u64 ms                     -> status, u64 now
     InjectFault = 0x11,    // fault                      -> status
     ClearFaults = 0x12,    //                            -> status
@@ -60,6 +64,7 @@ struct WireError : std::runtime_error {
 
 class Writer {
 public:
+    Writer() { data_.reserve(64); }  // a device operation's size: no regrowth byte by byte
     Writer& u8(unsigned v);
     Writer& u16(unsigned v);
     Writer& u32(std::uint32_t v);
@@ -119,7 +124,9 @@ bool takeFrame(Bytes& buffer, Bytes& payload);
 // Blocking frame I/O on a socket: 0, or an errno value (ECONNRESET when the
 // peer closed, EPROTO for a length over maxFrame). Never raises SIGPIPE.
 int writeFrame(int fd, const Bytes& payload);
-int readFrame(int fd, Bytes& payload);
+// readFrame reads as much as has arrived at once (a reply is usually one
+// recv), keeping in `buffer` what came past the frame for the next call.
+int readFrame(int fd, Bytes& buffer, Bytes& payload);
 
 }  // namespace wire
 }  // namespace qelSim

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -149,6 +150,13 @@ void SimServer::drop(Connection& c) {
     c.dead = true;
 }
 
+void SimServer::countSelects(wire::Reader& in) {
+    // A client from before the count was sent ends its operation here.
+    if (in.atEnd()) return;
+    std::uint32_t n = in.u32();
+    if (n > 0) bmc_.selectCalled(static_cast<int>(std::min<std::uint32_t>(n, 1u << 30)));
+}
+
 Bytes SimServer::handle(Connection& c, const Bytes& request) {
     try {
         wire::Reader in(request);
@@ -167,6 +175,7 @@ Bytes SimServer::handle(Connection& c, const Bytes& request) {
         case wire::Op::Send: {
             Request r = wire::getRequest(in);
             if (!c.device) return errorReply(EBADF, "the device is not open");
+            countSelects(in);
             errno = 0;
             int rc = exchange(bmc_, r, *c.device);
             int error = rc < 0 ? errno : 0;
@@ -181,10 +190,12 @@ Bytes SimServer::handle(Connection& c, const Bytes& request) {
         }
         case wire::Op::Select:
             if (!c.device) return errorReply(EBADF, "the device is not open");
+            countSelects(in);
             bmc_.selectCalled();
             out.u8(bmc_.realTimeouts() ? 1 : 0);
             return okReply(out);
         case wire::Op::Close:
+            if (c.device) countSelects(in);
             if (c.device) {
                 c.device.reset();
                 bmc_.deviceClosed();

@@ -52,6 +52,9 @@ private:
     void drop(Connection& c);
     // The reply payload (status first) to one request payload.
     Bytes handle(Connection& c, const Bytes& request);
+    // Adds the selects a device client answered on its own (the count that
+    // ends SEND, SELECT and CLOSE).
+    void countSelects(wire::Reader& in);
 
     SimBmc& bmc_;
     int listenFd_;

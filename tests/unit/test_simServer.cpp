@@ -4,6 +4,7 @@
 // simulator, and the controller is driven over the same socket.
 #include <fcntl.h>
 #include <linux/ipmi.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -207,6 +208,54 @@ TEST_F(SharedController, EveryOpenDeviceHasItsOwnQueue) {
     // The first receives its stale answer, of another message id, next.
     EXPECT_TRUE(first.sendCmd(getDeviceId));
     EXPECT_EQ(getDeviceId.responseData, nullptr);
+}
+
+// A select that a waiting answer makes ready needs nothing of the
+// controller: the client answers it and the controller counts it with the
+// device's next operation (here its close).
+TEST_F(SharedController, SelectsTheClientAnswersAreCountedWithItsNextOperation) {
+    {
+        QelIpmi ipmi(0, 0, QelIpmi::SYSTEM_INTERFACE);
+        ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+        ASSERT_TRUE(ipmi.sendCmd(getDeviceId));
+        EXPECT_EQ(dumpValue(ctl->dump(), "select-calls"), "1") << "the second send carried the first's select";
+    }
+    EXPECT_EQ(dumpValue(ctl->dump(), "select-calls"), "2");
+}
+
+// The preload library's programs may poll the descriptor themselves: it is
+// readable exactly while an answer waits. The library's seam never polls it,
+// and its device skips that bookkeeping.
+TEST_F(SharedController, ThePreloadsDescriptorIsReadableWhileAnAnswerWaits) {
+    qelSim::SocketDeviceClient client;
+    ASSERT_EQ(client.open(sim.socket(), "/dev/ipmi0"), 0);
+    auto readable = [&] {
+        pollfd p{client.fd(), POLLIN, 0};
+        return ::poll(&p, 1, 0) == 1 && (p.revents & POLLIN);
+    };
+    EXPECT_FALSE(readable());
+    ipmi_system_interface_addr bmc{IPMI_SYSTEM_INTERFACE_ADDR_TYPE, IPMI_BMC_CHANNEL, 0};
+    ipmi_req req{};
+    req.addr = reinterpret_cast<unsigned char*>(&bmc);
+    req.addr_len = sizeof bmc;
+    req.msgid = 7;
+    req.msg.netfn = qelIpmi::netfn::app;
+    req.msg.cmd = qelIpmi::cmd::getDeviceId;
+    ASSERT_EQ(client.ioctl(IPMICTL_SEND_COMMAND, &req), 0);
+    ASSERT_EQ(client.ioctl(IPMICTL_SEND_COMMAND, &req), 0);
+    EXPECT_TRUE(readable());
+    unsigned char data[64];
+    ipmi_addr from{};
+    ipmi_recv recv{};
+    recv.addr = reinterpret_cast<unsigned char*>(&from);
+    recv.addr_len = sizeof from;
+    recv.msg.data = data;
+    recv.msg.data_len = sizeof data;
+    ASSERT_EQ(client.ioctl(IPMICTL_RECEIVE_MSG_TRUNC, &recv), 0);
+    EXPECT_TRUE(readable()) << "the second answer still waits";
+    recv.msg.data_len = sizeof data;
+    ASSERT_EQ(client.ioctl(IPMICTL_RECEIVE_MSG_TRUNC, &recv), 0);
+    EXPECT_FALSE(readable());
 }
 
 TEST_F(SharedController, PerOpenSettingsAnswerAsTheKernelDevice) {
