@@ -1,11 +1,13 @@
 // qel-sel-backlog: the two halves of bench/bench_sel_backlog.sh.
 //
-//   qel-sel-backlog forward --socket PATH --state FILE --records N
+//   qel-sel-backlog forward --socket PATH --state FILE --records N [--sdr-cache DIR]
 //     The event log forwarder as qeld runs it, against the simulated
 //     controller process serving PATH (the socket qeld and qelctl use): a
 //     fresh state, replay on so the whole log is forwarded, passes one after
-//     the other until no backlog waits. The sink keeps nothing: what is
-//     measured is the reading, decoding and state keeping. Prints
+//     the other until no backlog waits, sensors named from the SDR
+//     repository through the cache in DIR as qeld does (the first record
+//     that names a sensor loads it). The sink keeps nothing: what is
+//     measured is the reading, decoding, naming and state keeping. Prints
 //     "forwarded ENTRIES last-id ID passes P" (ID in decimal: the caller
 //     checks it is the log's last record). Exits 1 when a log of N records
 //     does not drain in ten times the passes it needs, or a pass fails.
@@ -25,14 +27,16 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
+#include "qelSdr.h"
 #include "qelSelForwarder.h"
 #include "qelSimSocket.h"
 
 namespace {
 
 int usage() {
-    std::fputs("usage: qel-sel-backlog forward --socket PATH --state FILE --records N\n"
+    std::fputs("usage: qel-sel-backlog forward --socket PATH --state FILE --records N [--sdr-cache DIR]\n"
                "       qel-sel-backlog cpu --out FILE COMMAND [ARGS...]\n",
                stderr);
     return 64;
@@ -52,13 +56,29 @@ public:
     unsigned long bytes = 0;
 };
 
-int forward(const std::string& socket, const std::string& state, unsigned long records) {
-    ::unlink(state.c_str());  // a fresh state: nothing forwarded before
+int forward(const std::string& socket, const std::string& state, unsigned long records,
+            const std::string& sdrCache) {
+    // A fresh state: nothing forwarded before.
+    ::unlink(state.c_str());
+    ::unlink((state + ".pass").c_str());
     qelSim::ScopedSocketDevice device(socket);
     DiscardingSink sink;
     qelSel::ForwarderOptions options;
     options.statePath = state;
     options.replay = true;
+    std::vector<qelSdr::SensorName> names;
+    bool namesLoaded = false;
+    if (!sdrCache.empty())
+        options.sensorName = [&](uint8_t owner, uint8_t lun, uint8_t number) {
+            if (!namesLoaded) {
+                namesLoaded = true;
+                qelSdr::QelSdrRepository repository(sdrCache);
+                repository.load();
+                names = repository.sensorNames();
+            }
+            const qelSdr::SensorName* found = qelSdr::findSensor(names, owner, lun, number);
+            return found == nullptr ? std::string() : found->name;
+        };
     qelSel::QelSelForwarder forwarder(sink, options);
     // Records become fewer entries where a kernel panic's pieces join its
     // critical stop, so the end is the backlog gone, not a count reached.
@@ -120,17 +140,18 @@ int main(int argc, char** argv) {
     const std::string mode = argv[1];
     try {
         if (mode == "forward") {
-            std::string socket, state;
+            std::string socket, state, sdrCache;
             unsigned long records = 0;
             for (int i = 2; i + 1 < argc; i += 2) {
                 const std::string option = argv[i];
                 if (option == "--socket") socket = argv[i + 1];
                 else if (option == "--state") state = argv[i + 1];
                 else if (option == "--records") records = std::strtoul(argv[i + 1], nullptr, 10);
+                else if (option == "--sdr-cache") sdrCache = argv[i + 1];
                 else return usage();
             }
             if (argc % 2 != 0 || socket.empty() || state.empty() || records == 0) return usage();
-            return forward(socket, state, records);
+            return forward(socket, state, records, sdrCache);
         }
         if (mode == "cpu") {
             if (argc < 5 || std::string(argv[2]) != "--out") return usage();

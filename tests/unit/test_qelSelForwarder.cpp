@@ -10,8 +10,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cstdio>
+#include <iterator>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -112,6 +115,33 @@ protected:
     }
     size_t requests(unsigned char cmd) { return sim->requests(storage, cmd).size(); }
     std::string statePath() { return root.path() + "/var/lib/qeld/sel-state"; }
+    std::string progressPath() { return statePath() + ".pass"; }
+    static std::string read(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    // The DIMM of the record a state file says was the last forwarded (byte
+    // 15 of its "last-raw"), or -1.
+    static int lastDimmIn(const std::string& text) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            if (line.rfind("last-raw ", 0) == 0 && line.size() == 9 + 32) return std::stoi(line.substr(9 + 30, 2), nullptr, 16);
+        return -1;
+    }
+    // A state text edited by hand signed again: its check line is FNV-1a
+    // (64 bits, offset basis 0xcbf29ce484222325, prime 0x100000001b3) over
+    // the lines before it, in 16 lower-case hex digits.
+    static std::string resign(const std::string& text) {
+        std::string covered;
+        std::istringstream lines(text);
+        std::string line;
+        while (std::getline(lines, line) && line.rfind("check ", 0) != 0) covered += line + "\n";
+        uint64_t h = 0xcbf29ce484222325ull;
+        for (unsigned char c : covered) h = (h ^ c) * 0x100000001b3ull;
+        char digits[17];
+        std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(h));
+        return covered + "check " + digits + "\nend\n";
+    }
     std::vector<agentTest::LogLine> logsContaining(const std::string& part) {
         std::vector<agentTest::LogLine> out;
         for (const auto& l : host.logs())
@@ -379,7 +409,7 @@ TEST_F(SelForwarder, ARecordTheJournalTookJustBeforeAKillIsNotForwardedAgain) {
         else if (line.rfind("last-raw ", 0) == 0) line = "last-raw " + hex(log[1]);
         rewound += line + "\n";
     }
-    std::ofstream(statePath()) << rewound;
+    std::ofstream(statePath()) << resign(rewound);
     QelSelForwarder f(sink, options());
     add(1, 3);
     passes(f, 1);
@@ -407,6 +437,85 @@ TEST_F(SelForwarder, RecordsTheJournalTookInAPassAKillCutShortAreNotForwardedAga
     add(3, 32);
     passes(f, 2);
     EXPECT_EQ(dimmsForwarded(), range(0, 35)) << "the 30 records of the cut pass not twice, the 3 new once";
+}
+
+// A backlog's passes between two syncs rewrite the progress file in place
+// and leave the synced state alone: after the first pass (synced) and a
+// second 20 s later, the state says record 32 and the progress file 64. A
+// kill keeps both; the next start goes on from the newer without the sink's
+// help.
+TEST_F(SelForwarder, ABacklogsPassesBetweenSyncsNoteProgressAndAKillGoesOnFromIt) {
+    {
+        QelSelForwarder f(sink, options());
+        add(100);
+        passes(f, 2);
+        EXPECT_EQ(lastDimmIn(read(statePath())), 31);
+        EXPECT_EQ(lastDimmIn(read(progressPath())), 63);
+        EXPECT_EQ(read(progressPath()).size(), 512u) << "one block, rewritten in place";
+        EXPECT_EQ(std::filesystem::status(progressPath()).permissions() & std::filesystem::perms::others_read,
+                  std::filesystem::perms::none);
+    }
+    ASSERT_EQ(dimmsForwarded(), range(0, 64));
+    QelSelForwarder f(sink, options());
+    passes(f, 3);
+    EXPECT_EQ(dimmsForwarded(), range(0, 100)) << "each once";
+}
+
+TEST_F(SelForwarder, TheEndOfABacklogIsSynced) {
+    QelSelForwarder f(sink, options());
+    add(70);
+    passes(f, 3);  // 32 (the first save is synced), 64 (progress), 70: the end
+    ASSERT_EQ(dimmsForwarded(), range(0, 70));
+    EXPECT_EQ(lastDimmIn(read(statePath())), 69);
+}
+
+TEST_F(SelForwarder, ALongBacklogIsSyncedEverySyncSeconds) {
+    ForwarderOptions o = options();
+    o.syncSeconds = 60;
+    QelSelForwarder f(sink, o);
+    add(250);
+    passes(f, 3);  // t = 0 synced, 20 and 40 not
+    EXPECT_EQ(lastDimmIn(read(statePath())), 31);
+    passes(f, 1);  // t = 60
+    EXPECT_EQ(lastDimmIn(read(statePath())), 127);
+}
+
+// A power cut can tear the progress file (or leave it behind): a torn one
+// fails its check, is said once, and forwarding goes on from the synced
+// state: what came after it is forwarded again, nothing is lost.
+TEST_F(SelForwarder, ATornProgressFileIsIgnoredAndNothingIsLost) {
+    {
+        QelSelForwarder f(sink, options());
+        add(100);
+        passes(f, 2);
+    }
+    std::string torn = read(progressPath());
+    const std::size_t at = torn.find("last-raw ");
+    ASSERT_NE(at, std::string::npos);
+    torn[at + 9 + 31] = torn[at + 9 + 31] == '0' ? '1' : '0';  // a byte of the old block under the new
+    std::ofstream(progressPath(), std::ios::binary) << torn;
+    QelSelForwarder f(sink, options());
+    passes(f, 4);
+    EXPECT_THAT(logsContaining("progress file"), SizeIs(1));
+    EXPECT_THAT(logsContaining("progress file")[0].text, testing::HasSubstr("check mismatch"));
+    std::vector<unsigned> expected = range(0, 64);
+    for (unsigned i = 32; i < 100; ++i) expected.push_back(i);
+    EXPECT_EQ(dimmsForwarded(), expected);
+}
+
+// An older progress file than the synced state (written before the state's
+// last sync) is not taken.
+TEST_F(SelForwarder, AProgressFileOlderThanTheStateIsNotTaken) {
+    {
+        QelSelForwarder f(sink, options());
+        add(70);
+        passes(f, 3);  // progress at 64, then synced at 70
+    }
+    ASSERT_EQ(lastDimmIn(read(progressPath())), 63);
+    QelSelForwarder f(sink, options());
+    add(2, 70);
+    passes(f, 1);
+    EXPECT_EQ(dimmsForwarded(), range(0, 72));
 }
 
 TEST_F(SelForwarder, ARefusingSinkLosesNothing) {

@@ -63,30 +63,36 @@ unsigned int SelInfo::percentUsed() const {
     return static_cast<unsigned int>((used * 100u + total / 2) / total);
 }
 
-// One open device for the requests of one operation.
+// The requests of one operation, on the object's device.
 class QelSel::Session {
 public:
     explicit Session(QelSel& owner) : owner_(owner) {
+        if (owner_.device_) return;
         try {
-            ipmi_ = std::make_unique<qelIpmi::QelIpmi>(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+            owner_.device_ = std::make_unique<qelIpmi::QelIpmi>(0, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
         } catch (qelIpmi::QelIpmiError& e) {
             QEL_THROW(QelSelError, "no controller: " + textOf(e));
         }
     }
 
     // One exchange: the answer, completion code first. Throws when nothing
-    // or nothing but an empty answer came.
+    // or nothing but an empty answer came; a device that failed is closed,
+    // so the next request starts on a fresh one.
     Bytes send(unsigned char command, const Bytes& data, const char* name) {
         qelIpmi::QelIpmi_request_msg msg(netfn::storage, command, static_cast<unsigned short>(data.size()),
                                          data.empty() ? nullptr : data.data());
         ++owner_.requests_;
         bool answered = false;
         try {
-            answered = ipmi_->sendCmd(msg);
+            answered = owner_.device_->sendCmd(msg);
         } catch (qelIpmi::QelIpmiError& e) {
+            owner_.device_.reset();
             QEL_THROW(QelSelError, std::string(name) + ": " + textOf(e));
         }
-        if (!answered) QEL_THROW(QelSelError, std::string(name) + ": no answer from the controller");
+        if (!answered) {
+            owner_.device_.reset();  // a late answer must not meet the next request
+            QEL_THROW(QelSelError, std::string(name) + ": no answer from the controller");
+        }
         if (msg.responseLength == 0 || msg.responseData == nullptr)
             QEL_THROW(QelSelError, std::string(name) + ": an empty answer");
         owner_.lastCode_ = msg.responseData[0];
@@ -114,12 +120,15 @@ public:
 
 private:
     QelSel& owner_;
-    std::unique_ptr<qelIpmi::QelIpmi> ipmi_;
 };
 
 QelSel::QelSel() = default;
 
 QelSel::QelSel(Limits limits) : limits_(limits) {}
+
+QelSel::~QelSel() = default;
+QelSel::QelSel(QelSel&&) noexcept = default;
+QelSel& QelSel::operator=(QelSel&&) noexcept = default;
 
 SelInfo QelSel::info() {
     Session s(*this);

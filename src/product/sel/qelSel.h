@@ -23,12 +23,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "qelError.h"
 #include "qelExport.h"
 #include "qelSelRecord.h"
+
+namespace qelIpmi {
+class QelIpmi;
+}
 
 namespace qelSel {
 
@@ -78,6 +83,9 @@ struct QEL_EXPORT SelBatch {
     bool atEnd() const { return nextId == lastRecordId; }
 };
 
+// The device is opened at the object's first request and kept for its
+// life (a failed exchange closes it, the next request opens it again): a
+// caller that reads a batch after the log's info pays for one open, not two.
 class QEL_EXPORT QelSel {
 public:
     struct Limits {
@@ -89,6 +97,9 @@ public:
 
     QelSel();
     explicit QelSel(Limits limits);
+    ~QelSel();
+    QelSel(QelSel&&) noexcept;
+    QelSel& operator=(QelSel&&) noexcept;
 
     [[nodiscard]] SelInfo info();
     [[nodiscard]] SelAllocationInfo allocationInfo();
@@ -132,6 +143,7 @@ private:
     // Bytes per Get SEL Entry; drops below 16 when the controller answers 0xCA.
     unsigned int pieceSize_ = recordSize;
     uint16_t reservation_ = 0;  // the one the pieces are read under; 0: none
+    std::unique_ptr<qelIpmi::QelIpmi> device_;
 };
 
 }  // namespace qelSel

@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <system_error>
 
@@ -102,6 +104,7 @@ struct QelSelForwarder::State {
     unsigned int fillReported = 0;  // 0, 75, 90 or 100
     bool overflowReported = false;
     unsigned long forwarded = 0;
+    unsigned long long sequence = 0;  // counts the writes: the newer of two files has the larger
 };
 
 // Where the next record comes from in this process.
@@ -121,24 +124,46 @@ QelSelForwarder::QelSelForwarder(SelSink& sink, ForwarderOptions options)
     loadState();
 }
 
-QelSelForwarder::~QelSelForwarder() = default;
+QelSelForwarder::~QelSelForwarder() {
+    if (progressFd_ >= 0) ::close(progressFd_);
+}
 
-void QelSelForwarder::loadState() {
-    const std::string path = qelPlatform::platform().path(options_.statePath);
-    std::ifstream in(path);
-    if (!in) return;  // the first start: nothing to say
-    auto unusable = [&](const std::string& why) {
-        *state_ = State();
-        qelPlatform::platform().syslog(
-            LOG_WARNING, ("the SEL forwarder's state " + path + " is unusable (" + why +
-                          "); forwarding what the controller logged since this boot")
-                             .c_str());
-    };
+namespace {
+
+// FNV-1a, 64 bits: enough to tell a progress file a power cut tore from
+// one written whole.
+std::string checkOf(const std::string& text) {
+    uint64_t h = 14695981039346656037ull;
+    for (const char c : text) {
+        h ^= static_cast<unsigned char>(c);
+        h *= 1099511628211ull;
+    }
+    char out[17];
+    std::snprintf(out, sizeof out, "%016llx", static_cast<unsigned long long>(h));
+    return out;
+}
+
+std::string fileText(const std::string& path, bool& exists) {
+    std::ifstream in(path, std::ios::binary);
+    exists = static_cast<bool>(in);
+    if (!exists) return std::string();
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace
+
+// A state file's text taken apart: true with `out` filled, or false with
+// why not. `needCheck`: the text must carry its check line (the progress
+// file; state files of earlier versions have none).
+bool QelSelForwarder::parseState(const std::string& text, bool needCheck, State& out, std::string& why) {
+    std::istringstream in(text);
     std::string line;
-    if (!std::getline(in, line)) return unusable("empty");
-    if (line != stateMagic) return unusable("not a state file");
+    if (!std::getline(in, line)) return why = "empty", false;
+    if (line != stateMagic) return why = "not a state file", false;
     State s;
     bool haveRaw = false;
+    bool checked = false;
+    std::string covered = line + '\n';
     while (std::getline(in, line)) {
         std::istringstream words(line);
         std::string key, value;
@@ -146,13 +171,14 @@ void QelSelForwarder::loadState() {
         std::getline(words >> std::ws, value);
         try {
             if (key == "controller") s.controller = value;
+            else if (key == "sequence") s.sequence = std::stoull(value);
             else if (key == "last-id") { s.lastId = static_cast<uint16_t>(std::stoul(value, nullptr, 0)); s.haveLast = true; }
             else if (key == "last-timestamp") s.lastTimestamp = static_cast<uint32_t>(std::stoul(value));
             else if (key == "last-raw") haveRaw = unhex(value, s.lastRaw.data(), s.lastRaw.size());
             else if (key == "info") {
                 std::istringstream v(value);
                 unsigned long entries, freeBytes, addition, erase, overflow;
-                if (!(v >> entries >> freeBytes >> addition >> erase >> overflow)) return unusable("bad info line");
+                if (!(v >> entries >> freeBytes >> addition >> erase >> overflow)) return why = "bad info line", false;
                 s.info.entries = static_cast<uint16_t>(entries);
                 s.info.freeBytes = static_cast<uint16_t>(freeBytes);
                 s.info.lastAddition = static_cast<uint32_t>(addition);
@@ -162,22 +188,66 @@ void QelSelForwarder::loadState() {
             } else if (key == "fill-reported") s.fillReported = static_cast<unsigned int>(std::stoul(value));
             else if (key == "overflow-reported") s.overflowReported = value == "1";
             else if (key == "forwarded") s.forwarded = std::stoul(value);
-            else if (key == "end") {
-                if (s.haveLast && !haveRaw) return unusable("no record bytes");
-                *state_ = s;
-                return;
+            else if (key == "check") {
+                if (value != checkOf(covered)) return why = "check mismatch", false;
+                checked = true;
+            } else if (key == "end") {
+                if (needCheck && !checked) return why = "no check", false;
+                if (s.haveLast && !haveRaw) return why = "no record bytes", false;
+                out = s;
+                return true;
             }
         } catch (const std::exception&) {
-            return unusable("bad value for " + key);
+            return why = "bad value for " + key, false;
         }
+        covered += line + '\n';
     }
-    unusable("cut short");
+    return why = "cut short", false;
 }
 
-void QelSelForwarder::saveState() {
-    const State& s = *state_;
+// Two files: the state proper (`statePath`), replaced whole (written
+// beside it, synced, renamed over it), and the progress file beside it
+// (".pass"), rewritten in place unsynced by the passes of a backlog between
+// two syncs. A kill leaves both as they were written (the page cache
+// outlives the process), so the newer of the two is where to go on. A power
+// cut may leave the progress file torn or behind: its check line rejects a
+// torn one, and a state from before the cut only forwards again what came
+// after it (the journal itself keeps entries unsynced for minutes), while a
+// state ahead of what reached the disk would lose records.
+void QelSelForwarder::loadState() {
+    const std::string path = qelPlatform::platform().path(options_.statePath);
+    const std::string progressPath = path + ".pass";
+    bool haveFile = false, haveProgressFile = false;
+    const std::string text = fileText(path, haveFile);
+    const std::string progressText = fileText(progressPath, haveProgressFile);
+    State saved, progress;
+    std::string why, progressWhy;
+    const bool savedOk = haveFile && parseState(text, false, saved, why);
+    const bool progressOk = haveProgressFile && parseState(progressText, true, progress, progressWhy);
+    if (haveProgressFile && !progressOk && !progressText.empty())
+        qelPlatform::platform().syslog(LOG_NOTICE, ("the SEL forwarder's progress file " + progressPath +
+                                                    " is unusable (" + progressWhy + "); going on from " + path)
+                                                       .c_str());
+    if (progressOk && (!savedOk || progress.sequence > saved.sequence)) {
+        *state_ = progress;
+        return;
+    }
+    if (savedOk) {
+        *state_ = saved;
+        return;
+    }
+    if (!haveFile) return;  // the first start: nothing to say
+    *state_ = State();
+    qelPlatform::platform().syslog(LOG_WARNING, ("the SEL forwarder's state " + path + " is unusable (" + why +
+                                                 "); forwarding what the controller logged since this boot")
+                                                    .c_str());
+}
+
+void QelSelForwarder::saveState(bool durable) {
+    State& s = *state_;
+    ++s.sequence;
     std::ostringstream out;
-    out << stateMagic << '\n' << "controller " << s.controller << '\n';
+    out << stateMagic << '\n' << "controller " << s.controller << '\n' << "sequence " << s.sequence << '\n';
     if (s.haveLast)
         out << "last-id " << s.lastId << '\n'
             << "last-timestamp " << s.lastTimestamp << '\n'
@@ -187,16 +257,19 @@ void QelSelForwarder::saveState() {
             << s.info.lastErase << ' ' << (s.info.overflow ? 1 : 0) << '\n';
     out << "fill-reported " << s.fillReported << '\n'
         << "overflow-reported " << (s.overflowReported ? 1 : 0) << '\n'
-        << "forwarded " << s.forwarded << '\n'
-        << "end\n";
-    const std::string text = out.str();
+        << "forwarded " << s.forwarded << '\n';
+    std::string text = out.str();
+    text += "check " + checkOf(text) + "\nend\n";
 
+    const std::string path = qelPlatform::platform().path(options_.statePath);
+    if (durable || progressFd_ < 0) {
+        const std::string directory = path.substr(0, path.find_last_of('/') + 1);
+        std::error_code ignored;  // a directory that cannot be made shows in the open below
+        std::filesystem::create_directories(directory, ignored);
+    }
+    if (!durable && saveProgress(path + ".pass", text)) return;
     // A temporary file beside it, synced, then renamed over it: a kill at
     // any moment leaves the old state or the new one, never half of one.
-    const std::string path = qelPlatform::platform().path(options_.statePath);
-    const std::string directory = path.substr(0, path.find_last_of('/') + 1);
-    std::error_code ignored;  // a directory that cannot be made shows in the open below
-    std::filesystem::create_directories(directory, ignored);
     const std::string temporary = path + ".new";
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) QEL_THROW(QelSelError, "cannot write the SEL forwarder's state " + temporary + ": " + std::strerror(errno));
@@ -213,6 +286,25 @@ void QelSelForwarder::saveState() {
     }
     if (::fsync(fd) != 0 || ::close(fd) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0)
         QEL_THROW(QelSelError, "cannot save the SEL forwarder's state " + path + ": " + std::strerror(errno));
+}
+
+// The progress file: one block rewritten at its start, never truncated or
+// synced, so a pass of a backlog costs a write to the page cache. False when
+// it cannot be written; the caller saves the state proper instead.
+bool QelSelForwarder::saveProgress(const std::string& path, std::string text) {
+    constexpr std::size_t block = 512;
+    if (text.size() < block) text.resize(block, '\n');  // lines after "end" are not read
+    if (progressFd_ < 0) {
+        progressFd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (progressFd_ < 0) return false;
+    }
+    const ssize_t n = ::pwrite(progressFd_, text.data(), text.size(), 0);
+    if (n != static_cast<ssize_t>(text.size()) || (text.size() > block && ::ftruncate(progressFd_, n) != 0)) {
+        ::close(progressFd_);
+        progressFd_ = -1;
+        return false;
+    }
+    return true;
 }
 
 // ---------------------------------------------------------------- notes
@@ -342,7 +434,7 @@ void QelSelForwarder::reconcile(QelSel& sel) {
     if (taken == batch.records.size()) return;  // not among them: nothing was taken unsaid
     ++taken;
     for (std::size_t i = 0; i < taken; ++i) advance(batch.records[i], true);
-    saveState();
+    saveState(true);
     if (taken == batch.records.size()) {
         c.next = batch.nextId;
         c.atEnd = batch.atEnd();
@@ -361,15 +453,19 @@ void QelSelForwarder::advance(const SelRecord& record, bool forwarded) {
     if (forwarded) ++s.forwarded;
 }
 
-bool QelSelForwarder::deliver(const DecodedEvent& event, const SelRecord& last) {
+// Takes the event's fields (moved, not copied: a record's dozen fields are
+// most of what a backlog allocates).
+bool QelSelForwarder::deliver(DecodedEvent& event, const SelRecord& last) {
     LogEntry entry;
     const bool panic = isPanic(event);
     entry.messageId = panic ? messageId::previousBootPanicked : messageId::selEvent;
     entry.priority = journalPriority(event.severity);
     char id[16];
     std::snprintf(id, sizeof id, "0x%04X", event.recordIds.empty() ? last.recordId : event.recordIds.front());
-    entry.message = std::string("SEL record ") + id + ": " + event.text;
-    for (const JournalField& f : event.fields) entry.fields.emplace_back(f.name, f.value);
+    entry.message.reserve(20 + event.text.size());
+    entry.message.append("SEL record ").append(id).append(": ").append(event.text);
+    entry.fields.reserve(event.fields.size());
+    for (JournalField& f : event.fields) entry.fields.emplace_back(std::move(f.name), std::move(f.value));
     entry.record = last.raw;
     return sink_.deliver(entry);
 }
@@ -382,8 +478,8 @@ bool QelSelForwarder::feed(const SelRecord& record) {
     if (record.isSystemEvent() && options_.sensorName)
         name = options_.sensorName(static_cast<uint8_t>(record.generatorId & 0xFF),
                                    static_cast<uint8_t>((record.generatorId >> 8) & 0x03), record.sensorNumber);
-    const std::vector<DecodedEvent> events = panics_.feed(record, name);
-    for (const DecodedEvent& event : events)
+    std::vector<DecodedEvent> events = panics_.feed(record, name);
+    for (DecodedEvent& event : events)
         if (!deliver(event, record)) return false;
     // The state is saved at the end of the pass: one write (and fsync) for
     // up to a pass's records, not one each.
@@ -401,7 +497,17 @@ void QelSelForwarder::pass() {
     if (!due && !backlog) return;
 
     identify();
-    QelSel sel;
+    // The device stays open from pass to pass while a backlog drains, and is
+    // closed once the log is read to its end or a pass fails.
+    if (!sel_) sel_.reset(new QelSel);
+    QelSel& sel = *sel_;
+    struct CloseUnlessDraining {
+        std::unique_ptr<QelSel>& sel;
+        const Cursor& c;
+        ~CloseUnlessDraining() {
+            if (std::uncaught_exceptions() > 0 || !c.valid || c.atEnd) sel.reset();
+        }
+    } closing{sel_, c};
     const SelInfo info = sel.info();
     {
         std::lock_guard<std::mutex> lock(statsMutex_);
@@ -480,14 +586,20 @@ void QelSelForwarder::pass() {
         c.atEnd = batch.atEnd();
         if (c.atEnd) {
             // The end of the log for now: a panic still held is complete.
-            for (const DecodedEvent& event : panics_.flush())
+            for (DecodedEvent& event : panics_.flush())
                 if (!deliver(event, batch.records.empty() ? SelRecord() : batch.records.back())) c.valid = false;
             if (c.valid && !batch.records.empty()) advance(batch.records.back(), false);
         }
     }
     s.info = info;
     s.haveInfo = true;
-    saveState();
+    // Between two syncs a backlog's passes only note their progress; the end
+    // of a backlog, and a long one every syncSeconds, is synced.
+    const bool more = c.valid && !c.atEnd;
+    const bool durable = !more || lastSync_ == 0 || now - lastSync_ >= static_cast<long>(options_.syncSeconds) ||
+                         now < lastSync_;
+    saveState(durable);
+    if (durable) lastSync_ = now == 0 ? 1 : now;
     std::lock_guard<std::mutex> lock(statsMutex_);
     stats_.forwarded = s.forwarded;
     stats_.haveLast = s.haveLast;

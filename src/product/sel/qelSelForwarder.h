@@ -106,6 +106,8 @@ struct QEL_EXPORT ForwarderOptions {
     std::string statePath = "/var/lib/qeld/sel-state";
     unsigned int checkSeconds = 60;
     unsigned int maxRecordsPerPass = 32;
+    // A backlog's passes sync the state at most this often (its end always).
+    unsigned int syncSeconds = 60;
     // Forward the whole log once, as if nothing had been forwarded before.
     bool replay = false;
     // How far the controller's clock may be off the host's, for the first
@@ -148,12 +150,14 @@ private:
     struct State;
     struct Cursor;
     void loadState();
-    void saveState();
+    static bool parseState(const std::string& text, bool needCheck, State& out, std::string& why);
+    void saveState(bool durable);
+    bool saveProgress(const std::string& path, std::string text);
     void identify();
     void startingPoint(QelSel& sel, const SelInfo& info);
     void reconcile(QelSel& sel);
     bool feed(const SelRecord& record);
-    bool deliver(const DecodedEvent& event, const SelRecord& last);
+    bool deliver(DecodedEvent& event, const SelRecord& last);
     void advance(const SelRecord& record, bool forwarded);
     void noteFill(unsigned int percent);
     void noteOverflow(bool overflow);
@@ -164,8 +168,11 @@ private:
     std::unique_ptr<State> state_;
     std::unique_ptr<Cursor> cursor_;
     PanicAssembler panics_;
+    std::unique_ptr<QelSel> sel_;
     bool identified_ = false;
     bool reconciled_ = false;
+    int progressFd_ = -1;
+    long lastSync_ = 0;  // platform time of the last synced state; 0: none yet
     mutable std::mutex statsMutex_;
     ForwarderStats stats_;
 };

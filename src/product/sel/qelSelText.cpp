@@ -1,5 +1,6 @@
 #include "qelSelText.h"
 
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 
@@ -676,9 +677,13 @@ std::string hex(uint32_t value, int digits = 2) { return "0x" + hexDigits(value,
 template <typename It>
 std::string hexBytes(It first, It last, const char* separator) {
     std::string out;
+    const std::size_t gap = std::strlen(separator);
+    out.reserve(static_cast<std::size_t>(last - first) * (2 + gap));
     for (It it = first; it != last; ++it) {
-        if (it != first) out += separator;
-        out += hexDigits(*it, 2);
+        if (it != first) out.append(separator, gap);
+        const auto byte = static_cast<uint8_t>(*it);
+        out += kHexDigits[byte >> 4];
+        out += kHexDigits[byte & 0xF];
     }
     return out;
 }
@@ -1172,6 +1177,7 @@ std::string eventText(const SelRecord& r, const std::string& sensorName) {
 
 std::vector<JournalField> journalFields(const SelRecord& r, const std::string& sensorName) {
     std::vector<JournalField> fields;
+    fields.reserve(14);  // a system event's, the most a record has (with a sensor name)
     fields.push_back({field::recordId, hex(r.recordId, 4)});
     fields.push_back({field::recordType, hex(r.recordType)});
     if (r.hasTimestamp()) fields.push_back({field::timestamp, timestampText(r.timestamp)});
