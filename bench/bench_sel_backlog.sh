@@ -6,7 +6,7 @@
 # power supply and processor faults, boots, watchdog expiries, OEM records,
 # a kernel panic with its message pieces) in one simulated controller
 # process (qel-bmcsim; its CPU is not counted), read in full by three clients,
-# each RUNS times (default 5):
+# each RUNS times (default 11):
 #  - ours: the forwarder draining it pass after pass (qel-sel-backlog forward:
 #    a fresh state, replay on, a sink that discards, sensors named from the
 #    SDR repository through qeld's cache) through the socket qeld and qelctl
@@ -29,7 +29,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/plain}
-runs=${2:-5}
+runs=${2:-11}
 records=1000
 bmcsim=$build/sim/server/qel-bmcsim
 preload=$build/sim/preload/libqelsim-preload.so
