@@ -8,19 +8,22 @@ cd "$(dirname "$0")/.."
 top=$PWD
 jobs=$(nproc)
 
+# Each step's heading says when it started, so a slow one shows in CI's log.
+phase() { echo "== $* (at $((SECONDS / 60))m$((SECONDS % 60))s)"; }
+
 scripts/install-deps.sh
 
 # configure_and_build DIR TARGET CMAKE_OPTIONS...
 configure_and_build() {
   local dir=$1 target=$2; shift 2
-  echo "== build $dir ($target)"
+  phase "build $dir ($target)"
   cmake -S "$top" -B "$dir" -DQEL_BUILD_BENCH=ON "$@" >/dev/null
   cmake --build "$dir" -j"$jobs" --target "$target"
 }
 
 run_tests() {
   local dir=$1; shift
-  echo "== test $dir"
+  phase "test $dir $*"
   ctest --test-dir "$dir" --output-on-failure --no-tests=error -j"$jobs" "$@"
 }
 
@@ -35,9 +38,11 @@ run_tests build/plain -C clone -L clone
 # The Debian packages (built from this tree with debhelper into dist/): their
 # files, lintian and the manual pages, then installed and run under a real
 # systemd in a container that leaves the host untouched.
-echo "== packages"
+phase packages
 scripts/package.sh --no-lintian
+phase "packages: their files, installed"
 bash tests/system/packages.sh dist
+phase "packages: under systemd in a container"
 bash tests/system/qeld_systemd.sh dist
 # The same packages on a Debian system booted in QEMU with the kernel's IPMI
 # driver and QEMU's BMC (tests/vm/debian-boot.sh). Not in the default run
@@ -63,15 +68,15 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests build/tsan -L tsa
 # Every fuzz target for a bounded time over the repository's corpus (which
 # holds the input of every fixed finding), two at a time, and the planted bug
 # that the SMBIOS target must find: the fuzz tree is its own build with clang.
-echo "== fuzz (bounded)"
+phase "fuzz (bounded)"
 scripts/fuzz.sh --build-only --planted
 run_tests build/fuzz -L fuzz
 
 # The benchmarks build in the plain tree; run each once, briefly, so a broken
 # benchmark is noticed here and not on the day somebody measures.
-echo "== bench smoke"
+phase "bench smoke"
 for b in build/plain/bench/bench_*; do
   [ -x "$b" ] || continue
   "$b" --benchmark_min_time=0.01 >/dev/null
 done
-echo "== all tests passed"
+phase "all tests passed"
