@@ -1,0 +1,1 @@
+// The object GoogleTest's precompiled headers are made for (tests/CMakeLists.txt).
