@@ -236,6 +236,18 @@ TEST_F(Sensors, DiscreteStatesComeAsTextAndRateTheSensor) {
     EXPECT_EQ(byName(samples, "Fan Redundancy").states.size(), 1u);
 }
 
+TEST_F(Sensors, ADiscreteReadingWithoutItsStateBytesHasNoState) {
+    describe("sensor 0x40 power-supply \"PSU1 Status\" reading=0x03");
+    sim->injectFault(Fault::rawReply({0x00, 0x00, 0xC0}).forCommand(sensorNetfn, cmd::getSensorReading));
+    std::vector<SensorSample> samples = readAll();
+    EXPECT_FALSE(samples[0].state);
+    EXPECT_TRUE(samples[0].states.empty());
+    EXPECT_TRUE(samples[0].problem.empty()) << samples[0].problem;
+    // With them, the failure shows.
+    samples = readAll();
+    EXPECT_EQ(samples[0].state, SensorState::Critical);
+}
+
 TEST_F(Sensors, DiscreteStateRatingsFollowTheEventTables) {
     EXPECT_EQ(discreteState(0x08, 0x6F, 0x0000), SensorState::Nominal);
     EXPECT_EQ(discreteState(0x08, 0x6F, 0x0001), SensorState::Nominal);   // presence

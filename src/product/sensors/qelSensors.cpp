@@ -190,7 +190,9 @@ void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& re
     sample.scanningDisabled = !r.scanningEnabled;
 
     if (!sample.thresholdBased) {
-        if (!r.hasValue()) return;
+        // Without the state bytes nothing is known about the states: no
+        // state rather than a "nominal" nobody measured.
+        if (!r.hasValue() || !r.discreteStates) return;
         sample.rawStates = static_cast<uint16_t>(r.discreteStates.value_or(0) & 0x7FFF);
         for (unsigned int bit = 0; bit < 15; ++bit)
             if (sample.rawStates & (1u << bit))

@@ -156,11 +156,11 @@ public:
     // QelSensorError only when the controller cannot be reached at all.
     std::vector<SensorSample> readAll(const std::vector<qelSdr::SdrRecord>& records);
 
-    // Get Chassis Status; none when the controller refuses or the reply is
-    // too short (lastProblem() says why).
+    // Get Chassis Status; none when the controller refuses, cannot be
+    // reached or the reply is too short (lastProblem() says why).
     std::optional<ChassisStatus> readChassisStatus();
     // DCMI power reading; none when the controller refuses it (no DCMI
-    // power management) or the reply is malformed.
+    // power management), cannot be reached or the reply is malformed.
     std::optional<DcmiPower> readDcmiPower();
 
     // Requests sent since the reader was made.
