@@ -113,7 +113,10 @@ private:
 };
 
 // A compact record has no conversion: its readings are taken as they are
-// (M = 1), with the record's format and units.
+// (M = 1), with the record's format and units. The record names units and
+// a format for its readings and no factors, so the identity is the only
+// conversion it can mean; a DIMM temperature in a compact record then reads
+// in degrees, where tools that insist on factors show nothing.
 ConversionFactors compactFactors(const sdr::SensorRecord& s) {
     ConversionFactors f;
     f.format = static_cast<AnalogFormat>(s.units1 >> 6);
