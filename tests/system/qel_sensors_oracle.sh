@@ -11,6 +11,8 @@
 #     event column and ipmitool's ok/nc/cr/nr;
 #   - a discrete sensor's state (ipmi-sensors' Nominal/Warning/Critical) and
 #     how many states are asserted.
+# Then the chassis status and the DCMI power reading of default.conf as
+# ipmitool decodes them (rack.conf has no DCMI power).
 # Where a tool gives no reading, the other decides: ipmi-sensors reads
 # neither non-linear sensors (ipmitool does, with Get Sensor Reading
 # Factors) nor compact threshold sensors, for which neither tool has a value
@@ -195,12 +197,35 @@ ctl sensor 0x10 10   # FAN1: lower critical
 ctl sensor 0x21 204  # 3.3V: lower non-critical
 ctl sensor 0x41 0x03 # PSU2 Status: failure detected
 compare "default.conf, thresholds crossed"
+
+# The chassis status and the DCMI power reading the reader takes apart (its
+# unit tests run against these handlers), as ipmitool decodes them.
+field() { sed -n "s|^ *$1 *: *||p" "$work/tool.out" | head -1; }
+ipmi chassis status >"$work/tool.out" 2>&1 || fail "ipmitool chassis status: $(cat "$work/tool.out")"
+[ "$(field 'System Power')" = on ] && [ "$(field 'Cooling/Fan Fault')" = false ] && [ "$(field 'Drive Fault')" = false ] &&
+  [ "$(field 'Power Restore Policy')" = always-on ] || fail "ipmitool chassis status: $(cat "$work/tool.out")"
+ctl set chassis-power off
+ctl set chassis-faults cooling-fault drive-fault
+ipmi chassis status >"$work/tool.out" 2>&1 || fail "ipmitool chassis status: $(cat "$work/tool.out")"
+[ "$(field 'System Power')" = off ] && [ "$(field 'Cooling/Fan Fault')" = true ] && [ "$(field 'Drive Fault')" = true ] ||
+  fail "ipmitool chassis status with faults: $(cat "$work/tool.out")"
+ipmi dcmi power reading >"$work/tool.out" 2>&1 || fail "ipmitool dcmi power reading: $(cat "$work/tool.out")"
+for expected in "Instantaneous power reading: *236 Watts" "Minimum during sampling period: *180 Watts" \
+    "Maximum during sampling period: *410 Watts" "Average power reading over sample period: *240 Watts" \
+    "Sampling period: *0*3600 Seconds" "Power reading state is: *activated"; do
+  grep -Eq "$expected" "$work/tool.out" || fail "ipmitool dcmi power reading lacks '$expected': $(cat "$work/tool.out")"
+done
+echo "ok: default.conf: chassis status and DCMI power reading as ipmitool decodes them"
 stop
 
 # ---- the rack server of rack.conf
 start "$descriptions/rack.conf"
 compare "rack.conf"
 expect P1-DIMM1 41 nominal
+# No DCMI power management here.
+if ipmi dcmi power reading >"$work/tool.out" 2>&1 && grep -q "Instantaneous power reading" "$work/tool.out"; then
+  fail "rack.conf has no DCMI power, yet ipmitool read: $(cat "$work/tool.out")"
+fi
 ctl sensor 0x03 89   # CPU1 Temp: upper non-critical
 ctl sensor 0x04 99   # CPU2 Temp: upper non-recoverable
 ctl sensor 0x05 0xfc # CPU1 Margin, two's complement: -4, upper non-critical
