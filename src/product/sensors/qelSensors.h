@@ -3,13 +3,19 @@
 // power reading beside them.
 //
 // QelSensorReader sends its requests through the library's transport (the
-// IPMI device seam), one open device per call. For each sensor of a full or
+// IPMI device seam): the controller's own sensors on the system interface
+// (with the record's LUN), another owner's over IPMB to its address (channel
+// 0; the record's channel is not used), one open device per address and call.
+// Sensors owned by system software (an owner ID with bit 0 set) cannot be
+// asked and come back with a problem. For each sensor of a full or
 // compact record it asks Get Sensor Reading; a full record whose thresholds
 // are readable gives them itself, so that sensor costs one request. A
 // threshold sensor without them in its record (a compact record) costs a Get
 // Sensor Thresholds more, a non-linear one (linearization 0x70-0x7F) a Get
-// Sensor Reading Factors for its reading and for each threshold whose factors
-// differ. Event-only records have no reading: they are not sampled.
+// Sensor Reading Factors for its reading and for each threshold outside the
+// range of raw readings an earlier answer covered (the answer names the next
+// reading whose factors differ). Event-only records have no reading: they are
+// not sampled.
 //
 // A sensor whose request fails (a completion code, a reply too short, no
 // answer) becomes a sample without a reading and with a one-line problem; the
