@@ -310,6 +310,24 @@ TEST_F(Sensors, RecordsThatDoNotParseAreNamedAndSkipped) {
     EXPECT_DOUBLE_EQ(*samples[1].reading, 41.0);
 }
 
+TEST_F(Sensors, AnotherOwnersSensorIsAskedOverIpmbAndASoftwareOwnersNotAtAll) {
+    describe("sensor 0x01 temperature Local unit=celsius reading=41");
+    describe("sensor 0x02 temperature Satellite unit=celsius owner=0x2c lun=1 reading=42");
+    describe("sensor 0x03 temperature Software unit=celsius owner=0x41 reading=43");
+    const std::vector<SensorSample> samples = readAll();
+    ASSERT_EQ(samples.size(), 3u);
+    EXPECT_DOUBLE_EQ(*samples[0].reading, 41.0);
+    EXPECT_DOUBLE_EQ(*samples[1].reading, 42.0);
+    EXPECT_FALSE(samples[2].reading);
+    EXPECT_THAT(samples[2].problem, HasSubstr("system software"));
+    const auto asked = sim->requests(sensorNetfn, cmd::getSensorReading);
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[0].addrType, 0x0C);  // the system interface
+    EXPECT_EQ(asked[1].addrType, 0x01);  // IPMB
+    EXPECT_EQ(asked[1].slaveAddr, 0x2c);
+    EXPECT_EQ(asked[1].lun, 1);
+}
+
 TEST_F(Sensors, NoControllerIsAnError) {
     describe("sensor 0x01 temperature A unit=celsius reading=41");
     qelSdr::QelSdrRepository repo;
