@@ -15,7 +15,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/fuzz}
 shift || true
-targets=${*:-fuzz_ipmi_replies fuzz_pni fuzz_smbios fuzz_network fuzz_agents fuzz_qelctl fuzz_sel fuzz_sdr}
+targets=${*:-fuzz_ipmi_replies fuzz_pni fuzz_smbios fuzz_network fuzz_agents fuzz_qelctl fuzz_sel fuzz_sdr fuzz_sensors}
 for t in $targets; do
   corpus=fuzz/corpus/$t
   mkdir -p "$corpus" "$build/campaign/$t"

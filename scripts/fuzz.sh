@@ -31,7 +31,7 @@ seconds=60
 runs=-1
 parallel=1
 # The slowest first, so that two at a time finish close together.
-targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_qelctl fuzz_pni fuzz_network fuzz_sel fuzz_sdr"
+targets="fuzz_agents fuzz_ipmi_replies fuzz_smbios fuzz_qelctl fuzz_pni fuzz_network fuzz_sel fuzz_sdr fuzz_sensors"
 build=build/fuzz
 planted=
 build_only=0

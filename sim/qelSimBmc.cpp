@@ -20,6 +20,8 @@ SimBmc::SimBmc() : deviceId_(defaultDeviceId()) {
     registerSystemInfoCommands(*this);
     registerSdrCommands(*this);
     registerSelCommands(*this);
+    registerChassisCommands(*this);
+    registerDcmiCommands(*this);
     // Keywords and dump sections for the models above that have none of
     // their own; after them, so their sections come last in the dump.
     registerModelDescriptions(*this);

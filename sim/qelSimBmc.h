@@ -42,6 +42,8 @@ class SimBoard;  // qelSimBoard.h
 class SimSystemInfo;  // qelSimSystemInfo.h
 class SimSdr;  // qelSimSdr.h
 class SimSel;  // qelSimSel.h
+class SimChassis;  // qelSimChassis.h
+class SimDcmi;  // qelSimDcmi.h
 
 using Bytes = std::vector<unsigned char>;
 
@@ -218,6 +220,10 @@ public:
     SimSdr& sdr();
     // ---- the System Event Log (qelSimSel.h)
     SimSel& sel();
+    // ---- Get Chassis Status (qelSimChassis.h)
+    SimChassis& chassis();
+    // ---- DCMI power reading (qelSimDcmi.h)
+    SimDcmi& dcmi();
 
     // ---- description lines and the readable state dump (qelSimDescription.h)
     // A model registers, usually from its register function, the keywords it
@@ -268,6 +274,8 @@ private:
     std::shared_ptr<SimSystemInfo> systemInfo_;
     std::shared_ptr<SimSdr> sdr_;
     std::shared_ptr<SimSel> sel_;
+    std::shared_ptr<SimChassis> chassis_;
+    std::shared_ptr<SimDcmi> dcmi_;
 };
 
 // Command groups; each registers its handlers on a controller.
@@ -280,6 +288,8 @@ void registerIdentityCommands(SimBmc& bmc);
 void registerBoardCommands(SimBmc& bmc);
 void registerSystemInfoCommands(SimBmc& bmc);
 void registerSdrCommands(SimBmc& bmc);
+void registerChassisCommands(SimBmc& bmc);
+void registerDcmiCommands(SimBmc& bmc);
 // After the board and the watchdog: it takes over the Platform Event
 // handler (the board still answers first) and logs the watchdog's expiries.
 void registerSelCommands(SimBmc& bmc);

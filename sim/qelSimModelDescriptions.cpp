@@ -20,6 +20,7 @@
 #include "qelIpmiCommands.h"
 #include "qelSdrRecord.h"
 #include "qelSelRecord.h"
+#include "qelSensors.h"
 #include "qelSimBoard.h"
 #include "qelSimConfSpace.h"
 #include "qelSimDescription.h"
@@ -185,6 +186,10 @@ const CommandName commandNames[] = {
     {qelSdr::netfn::storage, qelSdr::cmd::reserveSdrRepository, "Reserve SDR Repository"},
     {qelSdr::netfn::storage, qelSdr::cmd::getSdr, "Get SDR"},
     {qelSdr::netfn::sensorEvent, qelSdr::cmd::getSensorReading, "Get Sensor Reading"},
+    {qelSdr::netfn::sensorEvent, qelSensors::cmd::getSensorReadingFactors, "Get Sensor Reading Factors"},
+    {qelSdr::netfn::sensorEvent, qelSensors::cmd::getSensorThresholds, "Get Sensor Thresholds"},
+    {qelSensors::chassis::netfn, qelSensors::chassis::getChassisStatus, "Get Chassis Status"},
+    {qelSensors::dcmi::netfn, qelSensors::dcmi::getPowerReading, "DCMI Get Power Reading"},
 };
 
 // One line of the summary: a command, or for the configuration space one

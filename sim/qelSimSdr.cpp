@@ -6,6 +6,7 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "qelSensorConversion.h"
 #include "qelSimDescription.h"
 
 namespace qelSim {
@@ -60,7 +61,7 @@ std::uint16_t SimSdr::nextId() {
     return lastId_;
 }
 
-std::uint16_t SimSdr::addSensor(sdr::SensorRecord record, unsigned char reading) {
+std::uint16_t SimSdr::addSensor(sdr::SensorRecord record, unsigned char reading, std::vector<FactorRange> ranges) {
     Lock lock(bmc_.mutex());
     if (record.recordType != sdr::recordType::fullSensor && record.recordType != sdr::recordType::compactSensor &&
         record.recordType != sdr::recordType::eventOnly)
@@ -69,6 +70,9 @@ std::uint16_t SimSdr::addSensor(sdr::SensorRecord record, unsigned char reading)
     e.id = nextId();
     e.type = record.recordType;
     e.readings.assign(shareOf(record), reading);
+    std::sort(ranges.begin(), ranges.end(),
+              [](const FactorRange& a, const FactorRange& b) { return a.from < b.from; });
+    e.ranges = std::move(ranges);
     e.sensor = std::move(record);
     entries_.push_back(std::move(e));
     changed();
@@ -180,12 +184,18 @@ void SimSdr::setPresent(bool present) {
         bmc_.setHandler(storage, sdr::cmd::getSdr, [this](const Request& r) { return getSdr(r); });
         bmc_.setHandler(sdr::netfn::sensorEvent, sdr::cmd::getSensorReading,
                         [this](const Request& r) { return getSensorReading(r); });
+        bmc_.setHandler(sdr::netfn::sensorEvent, qelSensors::cmd::getSensorReadingFactors,
+                        [this](const Request& r) { return getSensorReadingFactors(r); });
+        bmc_.setHandler(sdr::netfn::sensorEvent, qelSensors::cmd::getSensorThresholds,
+                        [this](const Request& r) { return getSensorThresholds(r); });
     } else {
         bmc_.removeHandler(storage, sdr::cmd::getSdrRepositoryInfo);
         bmc_.removeHandler(storage, sdr::cmd::getSdrRepositoryAllocationInfo);
         bmc_.removeHandler(storage, sdr::cmd::reserveSdrRepository);
         bmc_.removeHandler(storage, sdr::cmd::getSdr);
         bmc_.removeHandler(sdr::netfn::sensorEvent, sdr::cmd::getSensorReading);
+        bmc_.removeHandler(sdr::netfn::sensorEvent, qelSensors::cmd::getSensorReadingFactors);
+        bmc_.removeHandler(sdr::netfn::sensorEvent, qelSensors::cmd::getSensorThresholds);
     }
 }
 
@@ -275,24 +285,89 @@ Response SimSdr::getSensorReading(const Request& request) const {
     if (!e || e->type == sdr::recordType::eventOnly) return {cc::requestedDataNotPresent};
     const sdr::SensorRecord& s = *e->sensor;
     const unsigned char raw = e->readings[index];
-    unsigned char state = 0;
-    if (s.isThresholdBased() && s.recordType == sdr::recordType::fullSensor &&
-        s.analogDataFormat() == sdr::analogFormat::unsignedValue) {
-        const unsigned char readable = s.readableThresholds();
-        namespace t = sdr::threshold;
-        if ((readable & t::lowerNonCritical) && raw <= s.lowerNonCritical) state |= t::lowerNonCritical;
-        if ((readable & t::lowerCritical) && raw <= s.lowerCritical) state |= t::lowerCritical;
-        if ((readable & t::lowerNonRecoverable) && raw <= s.lowerNonRecoverable) state |= t::lowerNonRecoverable;
-        if ((readable & t::upperNonCritical) && raw >= s.upperNonCritical) state |= t::upperNonCritical;
-        if ((readable & t::upperCritical) && raw >= s.upperCritical) state |= t::upperCritical;
-        if ((readable & t::upperNonRecoverable) && raw >= s.upperNonRecoverable) state |= t::upperNonRecoverable;
-    } else if (!s.isThresholdBased()) {
-        // Discrete sensors: the reading is the state bits 0-7.
-        state = raw;
-        return {cc::ok, 0x00, 0xC0, state, 0x80};
+    if (!s.isThresholdBased()) {
+        // Discrete sensors: the reading is the state bits 7:0; the raw byte
+        // means nothing.
+        return {cc::ok, 0x00, 0xC0, raw, 0x80};
     }
     // Events and scanning enabled.
-    return {cc::ok, raw, 0xC0, state, 0x80};
+    return {cc::ok, raw, 0xC0, thresholdStatus(s, raw), 0x80};
+}
+
+Response SimSdr::getSensorThresholds(const Request& request) const {
+    Lock lock(bmc_.mutex());
+    if (request.data.size() != 1) return {cc::requestDataLengthInvalid};
+    const Entry* e = sensorEntry(request.data[0]);
+    if (!e || e->type == sdr::recordType::eventOnly) return {cc::requestedDataNotPresent};
+    const sdr::SensorRecord& s = *e->sensor;
+    // A discrete sensor has no thresholds to read: an empty mask.
+    if (!s.isThresholdBased()) return {cc::ok, 0, 0, 0, 0, 0, 0, 0};
+    const unsigned char readable = s.readableThresholds();
+    auto only = [readable](unsigned char bit, unsigned char value) {
+        return static_cast<unsigned char>((readable & bit) ? value : 0);
+    };
+    namespace t = sdr::threshold;
+    return {cc::ok,
+            readable,
+            only(t::lowerNonCritical, s.lowerNonCritical),
+            only(t::lowerCritical, s.lowerCritical),
+            only(t::lowerNonRecoverable, s.lowerNonRecoverable),
+            only(t::upperNonCritical, s.upperNonCritical),
+            only(t::upperCritical, s.upperCritical),
+            only(t::upperNonRecoverable, s.upperNonRecoverable)};
+}
+
+Response SimSdr::getSensorReadingFactors(const Request& request) const {
+    Lock lock(bmc_.mutex());
+    if (request.data.size() != 2) return {cc::requestDataLengthInvalid};
+    const Entry* e = sensorEntry(request.data[0]);
+    // Only a full record has factors.
+    if (!e || e->type != sdr::recordType::fullSensor) return {cc::requestedDataNotPresent};
+    const sdr::SensorRecord& s = *e->sensor;
+    const unsigned char raw = request.data[1];
+    FactorRange f{0, s.m, s.b, s.k1, s.k2};
+    unsigned char next = 0xFF;
+    if (s.linearization >= qelSensors::linearization::nonLinear && !e->ranges.empty()) {
+        // The range the raw reading falls in; readings below the first range
+        // take the first range's factors.
+        std::size_t at = 0;
+        while (at + 1 < e->ranges.size() && e->ranges[at + 1].from <= raw) ++at;
+        f = e->ranges[at];
+        if (at + 1 < e->ranges.size()) next = e->ranges[at + 1].from;
+    }
+    const unsigned int m = static_cast<unsigned int>(f.m) & 0x3FF;
+    const unsigned int b = static_cast<unsigned int>(f.b) & 0x3FF;
+    // Tolerance, accuracy and its exponent stay 0, as in the records this
+    // controller builds.
+    return {cc::ok,
+            next,
+            static_cast<unsigned char>(m & 0xFF),
+            static_cast<unsigned char>((m >> 8) << 6),
+            static_cast<unsigned char>(b & 0xFF),
+            static_cast<unsigned char>((b >> 8) << 6),
+            0x00,
+            static_cast<unsigned char>(((static_cast<unsigned int>(f.k2) & 0x0F) << 4) |
+                                       (static_cast<unsigned int>(f.k1) & 0x0F))};
+}
+
+unsigned char SimSdr::thresholdStatus(const sdr::SensorRecord& s, unsigned char raw) {
+    // The raw bytes compare as the analog format reads them, so a two's
+    // complement sensor at -5 is below a threshold at 0. No analog reading:
+    // nothing to compare.
+    const auto format = static_cast<qelSensors::AnalogFormat>(s.analogDataFormat());
+    const auto value = qelSensors::rawValue(format, raw);
+    if (!value) return 0;
+    auto as = [format](unsigned char threshold) { return qelSensors::rawValue(format, threshold).value_or(0); };
+    const unsigned char readable = s.readableThresholds();
+    namespace t = sdr::threshold;
+    unsigned char state = 0;
+    if ((readable & t::lowerNonCritical) && *value <= as(s.lowerNonCritical)) state |= t::lowerNonCritical;
+    if ((readable & t::lowerCritical) && *value <= as(s.lowerCritical)) state |= t::lowerCritical;
+    if ((readable & t::lowerNonRecoverable) && *value <= as(s.lowerNonRecoverable)) state |= t::lowerNonRecoverable;
+    if ((readable & t::upperNonCritical) && *value >= as(s.upperNonCritical)) state |= t::upperNonCritical;
+    if ((readable & t::upperCritical) && *value >= as(s.upperCritical)) state |= t::upperCritical;
+    if ((readable & t::upperNonRecoverable) && *value >= as(s.upperNonRecoverable)) state |= t::upperNonRecoverable;
+    return state;
 }
 
 // ---------------------------------------------------------------- description
@@ -313,7 +388,7 @@ const Named sensorTypes[] = {
 };
 const Named units[] = {
     {"none", 0}, {"celsius", 1}, {"fahrenheit", 2}, {"kelvin", 3}, {"volts", 4},
-    {"amps", 5}, {"watts", 6},   {"joules", 7},     {"rpm", 18},
+    {"amps", 5}, {"watts", 6},   {"joules", 7},     {"cfm", 17},  {"rpm", 18},
 };
 // Types whose reading is a threshold-based value; the others are discrete.
 bool analogType(unsigned int type) { return type >= 0x01 && type <= 0x04; }
@@ -372,7 +447,8 @@ std::string parseName(const std::vector<std::string>& words, std::size_t& at) {
 
 }  // namespace
 
-sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsigned char* reading) {
+sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsigned char* reading,
+                                   std::vector<FactorRange>* ranges) {
     if (words.size() < 3) throw std::invalid_argument("sensor NUMBER TYPE NAME [KEY=VALUE...]");
     sdr::SensorRecord s;
     s.recordType = sdr::recordType::fullSensor;
@@ -392,6 +468,7 @@ sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsign
     s.sensorMaximum = 0xFF;
     unsigned int raw = 0;
     unsigned char readable = 0;
+    std::vector<FactorRange> factorRanges;
     for (; at < words.size(); ++at) {
         const std::string& w = words[at];
         const std::size_t eq = w.find('=');
@@ -427,7 +504,9 @@ sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsign
         } else if (key == "k2") {
             s.k2 = static_cast<int8_t>(parseSigned(v, -8, 7));
         } else if (key == "linear") {
-            s.linearization = static_cast<uint8_t>(parseNumber(v, 0x7F));
+            const unsigned int l = parseByte(v);
+            if (l > 0x7F) throw std::invalid_argument("linear= takes 0..0x7F");
+            s.linearization = static_cast<uint8_t>(l);
         } else if (key == "unr" || key == "uc" || key == "unc" || key == "lnr" || key == "lc" || key == "lnc") {
             const uint8_t value = static_cast<uint8_t>(parseByte(v));
             namespace t = sdr::threshold;
@@ -469,6 +548,23 @@ sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsign
             s.channel = static_cast<uint8_t>(parseNumber(v, 15));
         } else if (key == "reading") {
             raw = parseByte(v);
+        } else if (key == "factors") {
+            // FROM:M:B:K1:K2, the factors of raw readings from FROM up.
+            std::vector<std::string> parts;
+            for (std::size_t from = 0;;) {
+                const std::size_t colon = v.find(':', from);
+                parts.push_back(v.substr(from, colon == std::string::npos ? std::string::npos : colon - from));
+                if (colon == std::string::npos) break;
+                from = colon + 1;
+            }
+            if (parts.size() != 5) throw std::invalid_argument("factors=FROM:M:B:K1:K2");
+            FactorRange f;
+            f.from = static_cast<unsigned char>(parseByte(parts[0]));
+            f.m = parseSigned(parts[1], -512, 511);
+            f.b = parseSigned(parts[2], -512, 511);
+            f.k1 = parseSigned(parts[3], -8, 7);
+            f.k2 = parseSigned(parts[4], -8, 7);
+            factorRanges.push_back(f);
         } else {
             throw std::invalid_argument("unknown sensor key '" + key + "'");
         }
@@ -491,7 +587,10 @@ sdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsign
         s.readingMask = 0x00FF;
     }
     s.id = sdr::IdString::latin1Text(name);
+    if (!factorRanges.empty() && s.linearization < qelSensors::linearization::nonLinear)
+        throw std::invalid_argument("factors= is for non-linear sensors (linear=0x70..0x7F)");
     if (reading) *reading = static_cast<unsigned char>(raw);
+    if (ranges) *ranges = std::move(factorRanges);
     return s;
 }
 
@@ -508,14 +607,15 @@ void registerSdrCommands(SimBmc& bmc) {
                    "sensor NUMBER TYPE NAME [KEY=VALUE...]: a sensor and its SDR record; NAME one word or "
                    "\"in quotes\" (\\xNN escapes); TYPE temperature, voltage, current, fan, processor, "
                    "power-supply, memory, watchdog, os-boot, ... or 0xNN; keys: record=full|compact|event-only "
-                   "event=threshold|specific|0xNN unit=celsius|volts|amps|watts|rpm|N format=unsigned|twos|ones|none "
-                   "m= b= k1= k2= linear= unr= uc= unc= lnr= lc= lnc= hyst= nominal= min= max= share=N "
+                   "event=threshold|specific|0xNN unit=celsius|volts|amps|watts|cfm|rpm|N format=unsigned|twos|ones|none "
+                   "m= b= k1= k2= linear= factors=FROM:M:B:K1:K2 (repeated; non-linear sensors) unr= uc= unc= lnr= lc= lnc= hyst= nominal= min= max= share=N "
                    "modifier=numeric|alpha offset=N entity-increments=on entity=ID.INSTANCE owner= lun= channel= "
                    "reading=RAW",
                    [repo](const std::vector<std::string>& w) {
                        unsigned char reading = 0;
-                       sdr::SensorRecord s = parseSensorWords(w, &reading);
-                       repo->addSensor(std::move(s), reading);
+                       std::vector<FactorRange> ranges;
+                       sdr::SensorRecord s = parseSensorWords(w, &reading, &ranges);
+                       repo->addSensor(std::move(s), reading, std::move(ranges));
                    });
     bmc.addKeyword("sdr-record", "sdr-record TYPE BYTE...: any other SDR record, as its type and body (hex)",
                    [repo](const std::vector<std::string>& w) {

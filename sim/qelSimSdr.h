@@ -17,6 +17,19 @@
 //   0xCA, as many controllers do.
 // Record IDs start at 1 and grow by the stride (sdr-id-stride), so a reader
 // that counts instead of following the next-record IDs goes wrong.
+//
+// The sensors answer as their records say:
+// - Get Sensor Reading: a threshold sensor's comparison status is worked out
+//   from its raw reading and thresholds (read as the record's analog format
+//   reads them) at every request, so a changed reading changes the state; a
+//   discrete sensor's raw reading is its states 7:0;
+// - Get Sensor Thresholds (0x04/0x27): the readable mask and the six raw
+//   thresholds of the description, also for compact records, which cannot
+//   hold them;
+// - Get Sensor Reading Factors (0x04/0x23): for a full record, the factors
+//   that hold for the raw reading asked about; a non-linear sensor
+//   (linearization 0x70-0x7F) has ranges of raw readings with factors of
+//   their own (factors=FROM:M:B:K1:K2), any other the record's.
 #ifndef QEL_SIM_SDR_H
 #define QEL_SIM_SDR_H
 
@@ -30,12 +43,23 @@
 
 namespace qelSim {
 
+// The factors a non-linear sensor's raw readings from `from` up (to the next
+// range) convert with.
+struct FactorRange {
+    unsigned char from = 0;
+    int m = 1;
+    int b = 0;
+    int k1 = 0;
+    int k2 = 0;
+};
+
 class SimSdr {
 public:
     explicit SimSdr(SimBmc& bmc);
 
     // A sensor record; its record ID is assigned here. Returns the record ID.
-    std::uint16_t addSensor(qelSdr::SensorRecord record, unsigned char reading = 0);
+    std::uint16_t addSensor(qelSdr::SensorRecord record, unsigned char reading = 0,
+                            std::vector<FactorRange> ranges = {});
     // Any other record, as its type and body. Returns the record ID.
     std::uint16_t addRecord(unsigned char type, const Bytes& body);
     // The record of the sensor numbered `number` (owner 0x20 or any owner
@@ -64,6 +88,8 @@ public:
     Response reserve(const Request& request);
     Response getSdr(const Request& request) const;
     Response getSensorReading(const Request& request) const;
+    Response getSensorReadingFactors(const Request& request) const;
+    Response getSensorThresholds(const Request& request) const;
 
     static constexpr unsigned int capacity = 0x2000;
     static constexpr unsigned int allocationUnit = 16;
@@ -77,10 +103,13 @@ private:
         Bytes body;                                   // records that are not sensors
         std::optional<qelSdr::SensorRecord> sensor;   // sensor records
         std::vector<unsigned char> readings;          // one per sensor the record stands for
+        std::vector<FactorRange> ranges;              // non-linear sensors, by `from`
         Bytes bytes() const;
     };
     Entry* sensorEntry(unsigned char number, std::size_t* index = nullptr);
     const Entry* sensorEntry(unsigned char number, std::size_t* index = nullptr) const;
+    // The comparison status of a threshold sensor at `raw`.
+    static unsigned char thresholdStatus(const qelSdr::SensorRecord& s, unsigned char raw);
     void changed();
     std::uint16_t nextId();
     std::uint32_t now() const;
@@ -98,7 +127,8 @@ private:
 
 // "sensor ..." description words into a record and its raw reading; throws
 // std::invalid_argument. See registerSdrCommands for the syntax.
-qelSdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsigned char* reading);
+qelSdr::SensorRecord parseSensorWords(const std::vector<std::string>& words, unsigned char* reading,
+                                      std::vector<FactorRange>* ranges = nullptr);
 
 }  // namespace qelSim
 

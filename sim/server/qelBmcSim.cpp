@@ -69,6 +69,7 @@ const char usageText[] =
     "  sel add-many N        add N temperature events\n"
     "  sel clear             erase the event log at once\n"
     "  sel dump              the event log's state and records\n"
+    "  sensor NUMBER RAW     a sensor's raw reading (a threshold sensor's state follows it)\n"
     "  shutdown              end the controller; returns once it is gone\n";
 
 int usage(int status) {
@@ -142,6 +143,8 @@ int control(const std::string& socketPath, const std::vector<std::string>& args)
             ctl.setDeviceId(qelSim::parseHexBytes(args, 1));
         } else if (cmd == "set" && args.size() >= 2) {
             ctl.describe(joined(args, 1));
+        } else if (cmd == "sensor" && args.size() == 3) {
+            ctl.describe("sensor-reading " + args[1] + " " + args[2]);
         } else if (cmd == "sel" && args.size() >= 2) {
             return selControl(ctl, args);
         } else if (cmd == "keywords" && args.size() == 1) {

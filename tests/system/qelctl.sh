@@ -143,6 +143,10 @@ refused() { # NETFN CMD QELCTL-ARGS...: the first such request answers 0xC1
 refused 06 01 identity
 refused 06 01 --json identity
 refused 06 25 watchdog get
+# The sensors need the SDR repository; a sensor the controller refuses is a
+# sensor without a reading (qel_sensors_oracle.sh), not a failed command.
+refused 0a 20 sensors
+refused 0a 20 --json sensors
 refused 06 24 watchdog set --timeout 300
 refused 06 22 watchdog reset
 refused 2e e0 config get soft-watchdog-time
@@ -194,7 +198,7 @@ step "the manual page and the bash completion"
 if command -v man >/dev/null; then
   MANWIDTH=80 man --warnings -l "$QEL_SOURCE_DIR/packaging/qelctl.8" >"$T/man.txt" 2>"$T/man.err"
   expect_eq "man warnings" "$(cat "$T/man.err")" ""
-  for c in status identity watchdog config lan pni board inventory host metrics; do
+  for c in status identity watchdog config lan pni board sensors inventory host metrics; do
     expect_true "the manual names $c" grep -qw "$c" "$T/man.txt"
   done
 fi

@@ -2,12 +2,14 @@
 // that the fuzz target over qelctl's decoders (fuzz/fuzz_qelctl.cpp) found
 // it mishandling (a record that breaks off in a function entry, shown as
 // text, and a version 10 type text that is not UTF-8, shown as JSON); and
-// `status` and `metrics` on a host without a controller.
+// `status` and `metrics` on a host without a controller; `sensors` in text
+// and JSON.
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -15,6 +17,7 @@
 
 #include "qelSimDevice.h"
 #include "qelSimFru.h"
+#include "qelSimSdr.h"
 #include "qelctlCommands.h"
 
 namespace {
@@ -71,6 +74,26 @@ CommandRun runCommand(void (*add)(CLI::App&, qelctl::Action&), const char* comma
     std::vector<const char*> argv = {"qelctl"};
     if (json) argv.push_back("--json");
     argv.push_back(command);
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    CommandRun run;
+    CapturedOutput out;
+    CapturedOutput err(std::cerr);
+    run.status = action(output);
+    run.out = out.text();
+    run.err = err.text();
+    return run;
+}
+
+// `qelctl [--json] ARGS...` for a command that `add` registers.
+CommandRun runArgs(void (*add)(CLI::App&, qelctl::Action&), const std::vector<const char*>& args, bool json) {
+    CLI::App app{"qelctl"};
+    qelctl::Output output;
+    app.add_flag("--json", output.json, "JSON");
+    qelctl::Action action;
+    add(app, action);
+    std::vector<const char*> argv = {"qelctl"};
+    if (json) argv.push_back("--json");
+    argv.insert(argv.end(), args.begin(), args.end());
     app.parse(static_cast<int>(argv.size()), argv.data());
     CommandRun run;
     CapturedOutput out;
@@ -185,6 +208,72 @@ TEST(QelctlMetrics, WithoutAControllerReportsItDownInOneLineAndExitsThree) {
     EXPECT_EQ(run.status, qelctl::exitNoController);
     EXPECT_NE(run.out.find("\nqel_up 0\n"), std::string::npos) << run.out;
     EXPECT_EQ(run.err, "qelctl: " + kNoController + "\n");
+}
+
+// A controller with a threshold sensor, a discrete one and a compact pair;
+// qeld's SDR cache is kept out of it.
+class QelctlSensors : public testing::Test {
+protected:
+    qelSim::ScopedSimulator sim;
+
+    void SetUp() override {
+        ::setenv("CACHE_DIRECTORY", "/nonexistent/qelctl-test", 1);
+        sim->applyDescriptionLine("sensor 0x01 temperature \"CPU1 Temp\" unit=celsius unc=85 uc=90 reading=45");
+        sim->applyDescriptionLine("sensor 0x40 power-supply \"PSU1 Status\" reading=0x01");
+        sim->applyDescriptionLine("sensor 0x20 voltage 12V unit=volts m=63 k2=-3 lc=171 uc=209 reading=190");
+    }
+    void TearDown() override { ::unsetenv("CACHE_DIRECTORY"); }
+};
+
+TEST_F(QelctlSensors, JsonGivesEverySensorWithTheDocumentedKeysAndNullsWhereAbsent) {
+    const CommandRun run = runArgs(qelctl::addSensors, {"sensors"}, true);
+    ASSERT_EQ(run.status, qelctl::exitOk) << run.err;
+    const Json doc = Json::parse(run.out);
+    ASSERT_EQ(doc["sensors"].size(), 3u);
+    const Json& cpu = doc["sensors"][0];
+    EXPECT_EQ(cpu["record_id"], 1);
+    EXPECT_EQ(cpu["sensor_number"], 1);
+    EXPECT_EQ(cpu["name"], "CPU1 Temp");
+    EXPECT_EQ(cpu["type"], "Temperature");
+    EXPECT_EQ(cpu["reading"], 45.0);
+    EXPECT_EQ(cpu["units"], "degrees C");
+    EXPECT_EQ(cpu["state"], "nominal");
+    EXPECT_EQ(cpu["thresholds"]["upper_non_critical"], 85.0);
+    EXPECT_EQ(cpu["thresholds"]["upper_critical"], 90.0);
+    EXPECT_TRUE(cpu["thresholds"]["upper_non_recoverable"].is_null());
+    EXPECT_TRUE(cpu["thresholds"]["lower_non_critical"].is_null());
+    EXPECT_TRUE(cpu["states"].empty());
+    const Json& psu = doc["sensors"][1];
+    EXPECT_TRUE(psu["reading"].is_null());
+    EXPECT_TRUE(psu["units"].is_null());
+    EXPECT_EQ(psu["states"], Json::array({"Presence detected"}));
+    EXPECT_EQ(doc["sensors"][2]["reading"], 11.97);
+}
+
+TEST_F(QelctlSensors, TextShowsStateAndReadingAndACriticalSensorStillExitsZero) {
+    ASSERT_TRUE(sim->sdr().setReading(0x01, 91));
+    const CommandRun run = runArgs(qelctl::addSensors, {"sensors"}, false);
+    EXPECT_EQ(run.status, qelctl::exitOk);
+    EXPECT_NE(run.out.find("CPU1 Temp    critical         91 degrees C\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("PSU1 Status  nominal          Presence detected\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("12V          nominal          11.97 Volts\n"), std::string::npos) << run.out;
+}
+
+TEST_F(QelctlSensors, TypeAndStateChooseTheSensors) {
+    ASSERT_TRUE(sim->sdr().setReading(0x20, 170));
+    Json doc = Json::parse(runArgs(qelctl::addSensors, {"sensors", "--type", "power-supply"}, true).out);
+    ASSERT_EQ(doc["sensors"].size(), 1u);
+    EXPECT_EQ(doc["sensors"][0]["name"], "PSU1 Status");
+    doc = Json::parse(runArgs(qelctl::addSensors, {"sensors", "--state", "critical"}, true).out);
+    ASSERT_EQ(doc["sensors"].size(), 1u);
+    EXPECT_EQ(doc["sensors"][0]["name"], "12V");
+    EXPECT_THROW(runArgs(qelctl::addSensors, {"sensors", "--state", "hot"}, true), qelctl::Failure);
+}
+
+TEST_F(QelctlSensors, WithoutAControllerTheCommandFailsBeforeReadingAnySensor) {
+    sim->setAllPathsMissing(true);
+    EXPECT_ANY_THROW(runArgs(qelctl::addSensors, {"sensors"}, false));
+    EXPECT_EQ(sim->requestCount(), 0u);
 }
 
 }  // namespace

@@ -177,6 +177,58 @@ TEST_F(SimSdrTest, BadDescriptionLinesSayWhatIsWrong) {
     EXPECT_EQ(bmc.sdr().records().size(), 2u);
 }
 
+TEST_F(SimSdrTest, ThresholdsAnswerTheReadableMaskAndTheRawBytes) {
+    const Bytes fan = send(sdr::netfn::sensorEvent, 0x27, {0x10});
+    // Lower critical 10, lower non-critical 15; the others read 0.
+    EXPECT_EQ(fan, (Bytes{sdr::cc::ok, 0x03, 15, 10, 0, 0, 0, 0}));
+    bmc.applyDescriptionLine("sensor 0x21 voltage V1 unit=volts lnr=1 lc=2 lnc=3 unc=85 uc=90 unr=95");
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x21}), (Bytes{sdr::cc::ok, 0x3F, 3, 2, 1, 85, 90, 95}));
+    // A compact record cannot hold them; the controller still has them.
+    bmc.applyDescriptionLine("sensor 0x22 temperature T1 record=compact unit=celsius unc=70 uc=80");
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x22}), (Bytes{sdr::cc::ok, 0x18, 0, 0, 0, 70, 80, 0}));
+    // Discrete sensors have none; event-only and unknown sensors no answer.
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x70}), (Bytes{sdr::cc::ok, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x80}), Bytes{sdr::cc::requestedDataNotPresent});
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x99}), Bytes{sdr::cc::requestedDataNotPresent});
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {}), Bytes{sdr::cc::requestDataLengthInvalid});
+}
+
+TEST_F(SimSdrTest, CompactAndSignedSensorsCompareTheirReadingsWithTheirThresholds) {
+    bmc.applyDescriptionLine("sensor 0x22 temperature T1 record=compact unit=celsius unc=70 uc=80 reading=75");
+    EXPECT_EQ(reading(0x22)[3], sdr::threshold::upperNonCritical);
+    // Two's complement: 0xFB is -5, below a lower threshold of 0.
+    bmc.applyDescriptionLine("sensor 0x23 temperature Cold unit=celsius format=twos lc=0 lnc=5 reading=0xfb");
+    EXPECT_EQ(reading(0x23)[3], sdr::threshold::lowerNonCritical | sdr::threshold::lowerCritical);
+    bmc.applyDescriptionLine("sensor-reading 0x23 6");
+    EXPECT_EQ(reading(0x23)[3], 0);
+}
+
+TEST_F(SimSdrTest, ReadingFactorsOfANonLinearSensorFollowItsRanges) {
+    bmc.applyDescriptionLine(
+        "sensor 0x24 fan NL unit=rpm linear=0x70 factors=0:10:0:0:0 factors=100:20:-5:1:-1 reading=120");
+    auto factors = [this](unsigned char raw) {
+        return send(sdr::netfn::sensorEvent, 0x23, {0x24, raw});
+    };
+    EXPECT_EQ(factors(0), (Bytes{sdr::cc::ok, 100, 10, 0x00, 0, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(factors(99), (Bytes{sdr::cc::ok, 100, 10, 0x00, 0, 0x00, 0x00, 0x00}));
+    // B = -5 is 0x3FB in ten bits: 0xFB and bits 9:8 (11) in 7:6; K2 -1 is 0xF, K1 1.
+    EXPECT_EQ(factors(100), (Bytes{sdr::cc::ok, 0xFF, 20, 0x00, 0xFB, 0xC0, 0x00, 0xF1}));
+    EXPECT_EQ(factors(255), (Bytes{sdr::cc::ok, 0xFF, 20, 0x00, 0xFB, 0xC0, 0x00, 0xF1}));
+    // A linear sensor answers its record's factors.
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x23, {0x10, 5}), (Bytes{sdr::cc::ok, 0xFF, 60, 0x00, 0, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x23, {0x70, 5}), Bytes{sdr::cc::requestedDataNotPresent});
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x23, {0x24}), Bytes{sdr::cc::requestDataLengthInvalid});
+    EXPECT_THROW(bmc.applyDescriptionLine("sensor 0x25 fan L factors=0:1:0:0:0"), std::invalid_argument);
+    EXPECT_THROW(bmc.applyDescriptionLine("sensor 0x25 fan L linear=0x70 factors=0:1:0"), std::invalid_argument);
+    EXPECT_THROW(bmc.applyDescriptionLine("sensor 0x25 fan L linear=0x70 factors=0:1:0:9:0"), std::invalid_argument);
+}
+
+TEST_F(SimSdrTest, WithoutTheRepositoryTheSensorCommandsAreUnknown) {
+    bmc.sdr().setPresent(false);
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x23, {0x10, 5}), Bytes{0xC1});
+    EXPECT_EQ(send(sdr::netfn::sensorEvent, 0x27, {0x10}), Bytes{0xC1});
+}
+
 TEST_F(SimSdrTest, DumpListsEveryRecord) {
     const std::string dump = bmc.dump();
     EXPECT_NE(dump.find("[sdr]\n"), std::string::npos);

@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
     addPni(app, action);
     addBoard(app, action);
     addSel(app, action);
+    addSensors(app, action);
     addInventory(app, action);
     addHost(app, action);
     addMetrics(app, action);

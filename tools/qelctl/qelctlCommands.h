@@ -26,6 +26,7 @@ void addLan(CLI::App& app, Action& action);
 void addPni(CLI::App& app, Action& action);
 void addBoard(CLI::App& app, Action& action);
 void addSel(CLI::App& app, Action& action);
+void addSensors(CLI::App& app, Action& action);
 
 // The documents of the read-only commands, for `status` and `metrics`.
 Json identityDocument();

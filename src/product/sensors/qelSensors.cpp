@@ -1,0 +1,386 @@
+#include "qelSensors.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "qelErrorText.h"
+#include "qelIpmi.h"
+#include "qelSelText.h"
+
+#define QEL_SOURCE_NAME "qelSensors"
+
+namespace qelSensors {
+
+QEL_DEFINE_ERROR(QelSensorError)
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+namespace sdr = qelSdr;
+
+constexpr uint8_t ccOk = 0x00;
+constexpr uint8_t bmcAddress = 0x20;
+// The record's owner ID byte: bit 0 set means a system software ID, which
+// no request can be addressed to.
+constexpr uint8_t softwareOwner = 0x01;
+
+std::string hex2(unsigned int v) {
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", v & 0xFF);
+    return text;
+}
+
+uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint32_t le32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+// The answer to one request, or why there is none.
+struct Answer {
+    Bytes bytes;          // completion code first; empty when problem is set
+    std::string problem;  // one line
+    explicit operator bool() const { return problem.empty(); }
+};
+
+// The open devices of one call, one per address a request goes to: the
+// controller's own LUNs on the system interface, other owners over IPMB.
+class Link {
+public:
+    explicit Link(unsigned int& requests) : requests_(requests) {}
+
+    // Opens the system interface at once, so a missing controller is told
+    // before any sensor is tried.
+    void open() { (void)device(bmcAddress, 0); }
+
+    Answer send(uint8_t owner, uint8_t lun, uint8_t netFn, uint8_t command, const Bytes& data, const char* name) {
+        Answer a;
+        if (owner & softwareOwner) {
+            a.problem = std::string(name) + ": the sensor is owned by system software (ID " + hex2(owner) +
+                        "), not a controller";
+            return a;
+        }
+        qelIpmi::QelIpmi* ipmi = nullptr;
+        try {
+            ipmi = &device(owner, lun);
+        } catch (const std::exception& e) {
+            a.problem = std::string(name) + ": " + qelError::textOf(e);
+            return a;
+        }
+        qelIpmi::QelIpmi_request_msg msg(netFn, command, static_cast<unsigned short>(data.size()),
+                                         data.empty() ? nullptr : data.data());
+        ++requests_;
+        bool answered = false;
+        try {
+            answered = ipmi->sendCmd(msg);
+        } catch (const std::exception& e) {
+            a.problem = std::string(name) + ": " + qelError::textOf(e);
+            return a;
+        }
+        if (!answered || msg.responseLength == 0 || msg.responseData == nullptr) {
+            a.problem = std::string(name) + (answered ? ": an empty answer" : ": no answer from the controller");
+            return a;
+        }
+        if (msg.responseData[0] != ccOk) {
+            a.problem = std::string(name) + ": the controller answered completion code " + hex2(msg.responseData[0]);
+            return a;
+        }
+        a.bytes.assign(msg.responseData, msg.responseData + msg.responseLength);
+        return a;
+    }
+
+private:
+    qelIpmi::QelIpmi& device(uint8_t owner, uint8_t lun) {
+        const auto key = std::make_pair(owner, lun);
+        auto it = devices_.find(key);
+        if (it == devices_.end()) {
+            std::unique_ptr<qelIpmi::QelIpmi> d;
+            if (owner == bmcAddress)
+                d = std::make_unique<qelIpmi::QelIpmi>(lun, 0, qelIpmi::QelIpmi::SYSTEM_INTERFACE);
+            else
+                d = std::make_unique<qelIpmi::QelIpmi>(lun, static_cast<unsigned char>(owner),
+                                                       qelIpmi::QelIpmi::IPMB);
+            it = devices_.emplace(key, std::move(d)).first;
+        }
+        return *it->second;
+    }
+
+    unsigned int& requests_;
+    std::map<std::pair<uint8_t, uint8_t>, std::unique_ptr<qelIpmi::QelIpmi>> devices_;
+};
+
+// A compact record has no conversion: its readings are taken as they are
+// (M = 1), with the record's format and units. The record names units and
+// a format for its readings and no factors, so the identity is the only
+// conversion it can mean; a DIMM temperature in a compact record then reads
+// in degrees, where tools that insist on factors show nothing.
+ConversionFactors compactFactors(const sdr::SensorRecord& s) {
+    ConversionFactors f;
+    f.format = static_cast<AnalogFormat>(s.units1 >> 6);
+    f.rate = static_cast<RateUnit>((s.units1 >> 3) & 0x07);
+    f.modifierKind = static_cast<ModifierKind>((s.units1 >> 1) & 0x03);
+    f.percentage = (s.units1 & 0x01) != 0;
+    f.baseUnit = s.units2;
+    f.modifierUnit = s.units3;
+    return f;
+}
+
+// The factors a non-linear sensor's raw readings convert with, asked once per
+// range of readings: a reply for x that names n as the next reading with
+// other factors holds for x..n-1.
+class FactorCache {
+public:
+    FactorCache(Link& link, const sdr::SensorRecord& s, const ConversionFactors& record)
+        : link_(link), s_(s), record_(record) {}
+
+    // The value of `raw`, or none with the reason in `problem`.
+    std::optional<double> convert(uint8_t raw, std::string& problem) {
+        for (const Range& r : ranges_)
+            if (raw >= r.from && raw < r.to) return convertReading(r.factors, raw);
+        const Answer a = link_.send(s_.ownerId, s_.ownerLun, netfn::sensorEvent, cmd::getSensorReadingFactors,
+                                    {s_.sensorNumber, raw}, "Get Sensor Reading Factors");
+        if (!a) {
+            problem = a.problem;
+            return std::nullopt;
+        }
+        const Parsed<ReadingFactors> p = factorsFromReadingFactorsReply(record_, a.bytes.data(), a.bytes.size());
+        if (!p) {
+            problem = "Get Sensor Reading Factors: " + p.error;
+            return std::nullopt;
+        }
+        // A next reading at or below this one holds for this reading only.
+        const unsigned int to = p.value->nextReading > raw ? p.value->nextReading : raw + 1u;
+        ranges_.push_back(Range{raw, to, p.value->factors});
+        return convertReading(p.value->factors, raw);
+    }
+
+private:
+    struct Range {
+        unsigned int from;
+        unsigned int to;
+        ConversionFactors factors;
+    };
+    Link& link_;
+    const sdr::SensorRecord& s_;
+    ConversionFactors record_;
+    std::vector<Range> ranges_;
+};
+
+void addProblem(SensorSample& sample, const std::string& problem) {
+    if (problem.empty()) return;
+    sample.problem += (sample.problem.empty() ? "" : "; ") + problem;
+}
+
+std::string stateText(uint8_t eventReadingType, uint8_t sensorType, unsigned int bit) {
+    if (const char* text = qelSel::eventStateText(eventReadingType, sensorType, static_cast<uint8_t>(bit)))
+        return text;
+    // OEM and reserved codes: the bit is all there is to say.
+    return "state " + std::to_string(bit);
+}
+
+// One sensor of a record: the reading, then what it needs besides.
+void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& record, SensorSample& sample) {
+    const Answer a =
+        link.send(s.ownerId, s.ownerLun, netfn::sensorEvent, cmd::getSensorReading, {s.sensorNumber}, "Get Sensor Reading");
+    if (!a) return addProblem(sample, a.problem);
+    const Parsed<SensorReading> parsed = parseSensorReading(a.bytes.data(), a.bytes.size());
+    if (!parsed) return addProblem(sample, "Get Sensor Reading: " + parsed.error);
+    const SensorReading& r = *parsed.value;
+    sample.unavailable = r.readingUnavailable;
+    sample.scanningDisabled = !r.scanningEnabled;
+
+    if (!sample.thresholdBased) {
+        // Without the state bytes nothing is known about the states: no
+        // state rather than a "nominal" nobody measured.
+        if (!r.hasValue() || !r.discreteStates) return;
+        sample.rawStates = static_cast<uint16_t>(r.discreteStates.value_or(0) & 0x7FFF);
+        for (unsigned int bit = 0; bit < 15; ++bit)
+            if (sample.rawStates & (1u << bit))
+                sample.states.push_back(stateText(s.eventReadingType, s.sensorType, bit));
+        sample.state = discreteState(s.sensorType, s.eventReadingType, sample.rawStates);
+        return;
+    }
+
+    ConversionFactors factors = compactFactors(s);
+    if (s.recordType == sdr::recordType::fullSensor) {
+        const Parsed<ConversionFactors> f = factorsFromFullRecord(record.bytes.data(), record.bytes.size());
+        if (!f) return addProblem(sample, "the record's conversion: " + f.error);
+        factors = *f.value;
+    }
+    sample.units = unitsText(factors);
+    FactorCache nonLinear(link, s, factors);
+
+    if (r.hasValue()) {
+        if (factors.isNonLinear()) {
+            std::string problem;
+            sample.reading = nonLinear.convert(r.raw, problem);
+            addProblem(sample, problem);
+        } else {
+            sample.reading = convertReading(factors, r.raw);
+        }
+        const SensorState state = r.state();
+        if (state != SensorState::Unknown) sample.state = state;
+    }
+
+    // The thresholds: a full record holds them (one request for the sensor);
+    // a compact one only says which the controller can read.
+    const uint8_t readable = s.readableThresholds();
+    if (readable == 0) return;
+    SensorThresholds t;
+    if (s.recordType == sdr::recordType::fullSensor) {
+        t.readableMask = readable;
+        t.raw = {s.lowerNonCritical, s.lowerCritical, s.lowerNonRecoverable,
+                 s.upperNonCritical, s.upperCritical, s.upperNonRecoverable};
+    } else {
+        const Answer ta = link.send(s.ownerId, s.ownerLun, netfn::sensorEvent, cmd::getSensorThresholds,
+                                    {s.sensorNumber}, "Get Sensor Thresholds");
+        if (!ta) return addProblem(sample, ta.problem);
+        const Parsed<SensorThresholds> pt = parseSensorThresholds(ta.bytes.data(), ta.bytes.size());
+        if (!pt) return addProblem(sample, "Get Sensor Thresholds: " + pt.error);
+        t = *pt.value;
+    }
+    if (!factors.isNonLinear()) {
+        sample.thresholds = convertThresholds(t, factors).values;
+        return;
+    }
+    // Lowest raw byte first: a range learnt from one threshold then covers
+    // those above it up to the next change of factors.
+    std::vector<std::size_t> order;
+    for (std::size_t i = 0; i < thresholdCount; ++i)
+        if (t.readable(static_cast<Threshold>(i))) order.push_back(i);
+    std::sort(order.begin(), order.end(), [&t](std::size_t a, std::size_t b) { return t.raw[a] < t.raw[b]; });
+    for (std::size_t i : order) {
+        std::string problem;
+        sample.thresholds[i] = nonLinear.convert(t.raw[i], problem);
+        addProblem(sample, problem);
+    }
+}
+
+}  // namespace
+
+// A discrete sensor's state is the worst of its asserted states, as the
+// event tables rate them when asserted: Critical there (a failed power
+// supply, an uncorrectable ECC error, a drive fault) is critical here,
+// Warning (a predictive failure, a correctable error, degraded redundancy) is
+// warning, and Info (presence detected, a device inserted, fully redundant)
+// is nominal. A sensor with no state asserted is nominal. The tables say
+// nothing of OEM states, so those count as nominal: only their vendor can
+// rate them.
+SensorState discreteState(uint8_t sensorType, uint8_t eventReadingType, uint16_t states) {
+    SensorState worst = SensorState::Nominal;
+    for (unsigned int bit = 0; bit < 15; ++bit) {
+        if (!(states & (1u << bit))) continue;
+        const qelSel::StateEntry* e = qelSel::eventState(eventReadingType, sensorType, static_cast<uint8_t>(bit));
+        if (!e) continue;
+        if (e->asserted == qelSel::Severity::Critical) worst = SensorState::Critical;
+        else if (e->asserted == qelSel::Severity::Warning && worst == SensorState::Nominal) worst = SensorState::Warning;
+    }
+    return worst;
+}
+
+std::vector<SensorSample> QelSensorReader::readAll(const std::vector<sdr::SdrRecord>& records) {
+    Link link(requests_);
+    try {
+        link.open();
+    } catch (const std::exception& e) {
+        QEL_THROW(QelSensorError, "no controller: " + qelError::textOf(e));
+    }
+    std::vector<SensorSample> samples;
+    for (const sdr::SdrRecord& record : records) {
+        if (record.type != sdr::recordType::fullSensor && record.type != sdr::recordType::compactSensor) continue;
+        sdr::SensorRecord s;
+        try {
+            s = sdr::SensorRecord::fromRecord(record);
+        } catch (const std::exception& e) {
+            SensorSample bad;
+            bad.recordId = record.recordId;
+            bad.recordType = record.type;
+            bad.problem = "record " + std::to_string(record.recordId) + ": " + qelError::textOf(e);
+            samples.push_back(std::move(bad));
+            continue;
+        }
+        for (const sdr::SensorName& n : s.names()) {
+            SensorSample sample;
+            sample.recordId = s.recordId;
+            sample.recordType = s.recordType;
+            sample.sensorNumber = n.sensorNumber;
+            sample.ownerId = s.ownerId;
+            sample.ownerLun = s.ownerLun;
+            sample.name = n.name;
+            sample.sensorType = s.sensorType;
+            sample.typeName = qelSel::sensorTypeText(s.sensorType);
+            sample.eventReadingType = s.eventReadingType;
+            sample.thresholdBased = s.isThresholdBased();
+            sdr::SensorRecord one = s;
+            one.sensorNumber = n.sensorNumber;
+            readSensor(link, one, record, sample);
+            samples.push_back(std::move(sample));
+        }
+    }
+    return samples;
+}
+
+std::optional<ChassisStatus> QelSensorReader::readChassisStatus() {
+    lastProblem_.clear();
+    Link link(requests_);
+    const Answer a = link.send(bmcAddress, 0, chassis::netfn, chassis::getChassisStatus, {}, "Get Chassis Status");
+    if (!a) {
+        lastProblem_ = a.problem;
+        return std::nullopt;
+    }
+    if (a.bytes.size() < chassis::minimumSize) {
+        lastProblem_ = "Get Chassis Status: an answer of " + std::to_string(a.bytes.size()) + " bytes, expected " +
+                       std::to_string(chassis::minimumSize);
+        return std::nullopt;
+    }
+    const uint8_t power = a.bytes[chassis::powerState];
+    const uint8_t misc = a.bytes[chassis::miscState];
+    ChassisStatus c;
+    c.powerOn = power & chassis::powerOn;
+    c.powerOverload = power & chassis::powerOverload;
+    c.interlock = power & chassis::interlock;
+    c.powerFault = power & chassis::powerFault;
+    c.powerControlFault = power & chassis::powerControlFault;
+    c.restorePolicy = static_cast<uint8_t>((power >> chassis::restorePolicyShift) & chassis::restorePolicyMask);
+    c.intrusion = misc & chassis::intrusion;
+    c.frontPanelLockout = misc & chassis::frontPanelLockout;
+    c.driveFault = misc & chassis::driveFault;
+    c.coolingFault = misc & chassis::coolingFault;
+    return c;
+}
+
+std::optional<DcmiPower> QelSensorReader::readDcmiPower() {
+    lastProblem_.clear();
+    Link link(requests_);
+    const Answer a = link.send(bmcAddress, 0, dcmi::netfn, dcmi::getPowerReading,
+                               {dcmi::groupExtension, dcmi::modeSystemPower, 0x00, 0x00}, "DCMI Get Power Reading");
+    if (!a) {
+        lastProblem_ = a.problem;
+        return std::nullopt;
+    }
+    if (a.bytes.size() < dcmi::replySize) {
+        lastProblem_ = "DCMI Get Power Reading: an answer of " + std::to_string(a.bytes.size()) +
+                       " bytes, expected " + std::to_string(dcmi::replySize);
+        return std::nullopt;
+    }
+    if (a.bytes[dcmi::replyGroup] != dcmi::groupExtension) {
+        lastProblem_ = "DCMI Get Power Reading: group extension " + hex2(a.bytes[dcmi::replyGroup]) +
+                       " in the answer, expected 0xDC";
+        return std::nullopt;
+    }
+    const uint8_t* b = a.bytes.data();
+    DcmiPower p;
+    p.currentWatts = le16(b + dcmi::currentWatts);
+    p.minimumWatts = le16(b + dcmi::minimumWatts);
+    p.maximumWatts = le16(b + dcmi::maximumWatts);
+    p.averageWatts = le16(b + dcmi::averageWatts);
+    p.timestamp = le32(b + dcmi::timestamp);
+    p.periodMs = le32(b + dcmi::period);
+    p.active = b[dcmi::state] & dcmi::measurementActive;
+    return p;
+}
+
+}  // namespace qelSensors
