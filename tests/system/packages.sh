@@ -63,7 +63,8 @@ expect_true "/etc/default/qeld is a conffile" grep -qx /etc/default/qeld "$T/con
 # The metrics timer is shipped off: never started by the package (whether
 # it stays off is the container test's, qeld_systemd.sh).
 expect_true "postinst starts no metrics unit" bash -c "! grep -q \"deb-systemd-invoke .*qeld-metrics\" '$T/postinst'"
-expect_true "postrm purges the metrics units' state" grep -q "deb-systemd-helper purge 'qeld-metrics.service' 'qeld-metrics.timer'" "$T/postrm"
+expect_true "prerm stops the metrics timer on removal" grep -q "deb-systemd-invoke stop qeld-metrics.timer" "$T/prerm"
+expect_true "postrm purges the metrics units' state" grep -q "deb-systemd-helper purge 'qeld-metrics.timer'" "$T/postrm"
 
 step "qel-bmcsim: the simulated controller, its preload library, its default"
 has qel-bmcsim /usr/bin/qel-bmcsim

@@ -402,7 +402,7 @@ PY
 )
 expect_eq "qeld.prom and node_exporter's scrape parse, with the ipmi_* metrics" "$check" ok
 inside systemctl stop qel-node-exporter.service
-inside systemctl disable --now qeld-metrics.timer >/dev/null 2>&1
+# The timer stays enabled: removing the package stops it (below).
 inside systemctl start qeld.service
 
 step "removing qeld leaves the watchdog stopped"
@@ -410,6 +410,7 @@ wait_until 30 "watchdog armed" timer_running
 inside dpkg --purge qeld >"$T/dpkg-purge.log" 2>&1 || fail "dpkg --purge qeld: $(cat "$T/dpkg-purge.log")"
 expect_true "watchdog stopped" timer_stopped
 expect_eq "unit gone" "$(inside systemctl show -P LoadState qeld.service)" not-found
+expect_eq "the enabled metrics timer stopped" "$(inside systemctl is-active qeld-metrics.timer 2>&1 || true)" inactive
 expect_true "no qeld process" bash -c "! nsenter -t $LEADER -a pgrep -x qeld >/dev/null"
 
 step "the container goes, and leaves nothing on the host"

@@ -1,7 +1,8 @@
 // qelctl status: everything at a glance. qelctl metrics: the watchdog and
 // the agent's state in the Prometheus text format (node_exporter's textfile
 // collector), under the names ipmi_exporter's watchdog collector uses where
-// it has one, so dashboards and alerts keep working.
+// it has one, so dashboards and alerts keep working. `metrics --textfile
+// DIR` puts the same text in DIR/qeld.prom (qelctlTextfile.h).
 #include <unistd.h>
 
 #include <atomic>
