@@ -30,6 +30,8 @@ test_packages=(
   clang libclang-rt-14-dev           # the fuzz tree: clang, and libFuzzer with the sanitizer runtimes
   debhelper dpkg-dev lintian         # the Debian packages (scripts/package.sh) and their checks
   systemd systemd-container          # systemd-analyze; systemd-nspawn: the packages under a real systemd
+  prometheus-node-exporter           # the container test: a real textfile collector reads qeld.prom
+  python3-prometheus-client          # ... and a real parser of the text format
   man-db binutils                    # manual pages rendered with warnings; objdump for SONAMEs
 )
 

@@ -42,6 +42,8 @@ step "qeld: the daemon, qelctl, the unit, manual pages, completion, defaults"
 has qeld /usr/sbin/qeld
 has qeld /usr/bin/qelctl
 has qeld /lib/systemd/system/qeld.service
+has qeld /lib/systemd/system/qeld-metrics.service
+has qeld /lib/systemd/system/qeld-metrics.timer
 has qeld /usr/share/man/man8/qeld.8.gz
 has qeld /usr/share/man/man8/qelctl.8.gz
 has qeld /usr/share/bash-completion/completions/qelctl
@@ -58,6 +60,11 @@ expect_true "postinst enables the unit" grep -q "deb-systemd-helper enable 'qeld
 expect_true "postinst starts the unit" grep -q "_dh_action=start" "$T/postinst"
 expect_true "prerm stops the unit on removal" grep -q "deb-systemd-invoke stop 'qeld.service'" "$T/prerm"
 expect_true "/etc/default/qeld is a conffile" grep -qx /etc/default/qeld "$T/conffiles"
+# The metrics timer is shipped off: never started by the package (whether
+# it stays off is the container test's, qeld_systemd.sh).
+expect_true "postinst starts no metrics unit" bash -c "! grep -q \"deb-systemd-invoke .*qeld-metrics\" '$T/postinst'"
+expect_true "prerm stops the metrics timer on removal" grep -q "deb-systemd-invoke stop qeld-metrics.timer" "$T/prerm"
+expect_true "postrm purges the metrics units' state" grep -q "deb-systemd-helper purge 'qeld-metrics.timer'" "$T/postrm"
 
 step "qel-bmcsim: the simulated controller, its preload library, its default"
 has qel-bmcsim /usr/bin/qel-bmcsim

@@ -84,7 +84,9 @@ qelctl metrics >"$T/metrics"
 expect_true "metrics: timer state" grep -qx "ipmi_bmc_watchdog_timer_state 0" "$T/metrics"
 expect_true "metrics: initial countdown" grep -qx "ipmi_bmc_watchdog_initial_countdown_seconds 120" "$T/metrics"
 expect_true "metrics: every line a comment or a sample" \
-  sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"[^\"]*\"\})? -?[0-9.e+-]+)$' '$T/metrics'"
+  sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"([^\"\\\\]|\\\\.)*\"(,[a-z_]+=\"([^\"\\\\]|\\\\.)*\")*\})? -?[0-9.e+-]+)$' '$T/metrics'"
+expect_true "metrics: the collectors up" grep -qx 'ipmi_up{collector="bmc"} 1' "$T/metrics"
+expect_true "metrics: the controller's identity" grep -q '^ipmi_bmc_info{firmware_revision="[^"]*",manufacturer_id="[0-9]*",system_firmware_version="' "$T/metrics"
 
 step "lan: agrees with ipmitool lan print"
 qelctl --json lan >"$T/lan.json"

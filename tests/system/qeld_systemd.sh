@@ -17,6 +17,11 @@
 #     installed unit;
 #   - programs built against the installed libqelbase-dev with pkg-config and
 #     with find_package run against the controller;
+#   - the metrics timer: shipped but not enabled; enabled by hand it writes
+#     qeld.prom into node_exporter's textfile directory, a run replaces it
+#     whole, a real node_exporter serves the ipmi_* metrics without a scrape
+#     error and prometheus_client parses both texts (a hostile controller
+#     string in a label included);
 #   - removing qeld leaves the watchdog stopped;
 # and the container is torn down.
 #
@@ -81,8 +86,11 @@ policy_rc=$(cat /usr/sbin/policy-rc.d 2>/dev/null || echo none)
 
 # ---------------------------------------------------------------- the container
 step "boot a container with a real systemd"
+# The host's node_exporter package (a test tool here) enables its service;
+# the container must not start it on the host's network: the metrics step
+# runs one of its own on 127.0.0.1.
 systemd-nspawn --register=no --keep-unit --volatile=yes --overlay=/usr::/usr --overlay=/etc::/etc \
-  --overlay=/var::/var -D / -b </dev/null >"$T/console.log" 2>&1 &
+  --overlay=/var::/var -D / -b systemd.mask=prometheus-node-exporter.service </dev/null >"$T/console.log" 2>&1 &
 NSPAWN=$!
 leader_up() {
   LEADER=$(pgrep -P "$NSPAWN" | head -n1)
@@ -307,11 +315,102 @@ for app in /root/consumer/app-pc /root/consumer/build/app-cmake; do
   expect_true "$app reads the controller ('$out')" grep -q '^IPMIv' <<<"$out"
 done
 
+step "the metrics timer: off on install; enabled, it writes qeld.prom for a real node_exporter"
+textdir=/var/lib/prometheus/node-exporter
+expect_eq "metrics timer enabled on install" "$(inside systemctl is-enabled qeld-metrics.timer 2>&1 || true)" disabled
+expect_eq "metrics timer active on install" "$(inside systemctl is-active qeld-metrics.timer 2>&1 || true)" inactive
+inside systemd-analyze verify qeld-metrics.service qeld-metrics.timer >"$T/verify-metrics.txt" 2>&1 ||
+  fail "systemd-analyze verify qeld-metrics: $(cat "$T/verify-metrics.txt")"
+expect_eq "verify output (metrics units)" "$(cat "$T/verify-metrics.txt")" ""
+metrics_exposure=$(inside systemd-analyze security --no-pager qeld-metrics.service |
+  sed -n 's/.*Overall exposure level for qeld-metrics.service: \([0-9.]*\).*/\1/p')
+expect_true "metrics exposure $metrics_exposure <= qeld's $exposure" \
+  awk -v m="$metrics_exposure" -v q="$exposure" 'BEGIN { exit !(m != "" && m <= q) }'
+# A controller string with a quote, a backslash and a newline: the system
+# firmware version (qeld, which writes it from the BIOS version, stopped
+# meanwhile) (Set System Info Parameters, parameter 1, block 0: ASCII,
+# 7 bytes 'a"b\c' LF 'd', padded to 14).
+inside systemctl stop qeld.service
+ipmi raw 0x06 0x58 0x01 0x00 0x00 0x07 0x61 0x22 0x62 0x5c 0x63 0x0a 0x64 0 0 0 0 0 0 0 >/dev/null
+inside mkdir -p /etc/systemd/system/qeld-metrics.service.d
+inside sh -c 'cat >/etc/systemd/system/qeld-metrics.service.d/bench.conf' <<'CONF'
+[Service]
+Environment=QEL_BMCSIM_SOCKET=/run/qel-bmcsim.sock
+CONF
+inside mkdir -p "$textdir"
+inside rm -f "$textdir/qeld.prom"
+inside systemctl daemon-reload
+inside systemctl enable --now qeld-metrics.timer >"$T/enable-timer.txt" 2>&1 ||
+  fail "systemctl enable --now qeld-metrics.timer: $(cat "$T/enable-timer.txt")"
+prom_written() { inside test -s "$textdir/qeld.prom"; }
+# OnBootSec= is long past in this container: the timer elapses at once.
+wait_until 60 "qeld.prom from the timer's first run" prom_written
+service_done() { [ "$(inside systemctl show -P ActiveState qeld-metrics.service)" != activating ]; }
+wait_until 60 "the timer's run ends" service_done
+expect_eq "first run's result" "$(inside systemctl show -P Result qeld-metrics.service)" success
+first_inode=$(inside stat -c %i "$textdir/qeld.prom")
+inside systemctl start qeld-metrics.service ||
+  fail "systemctl start qeld-metrics.service: $(inside journalctl -q --no-pager -n 20 -u qeld-metrics.service)"
+second_inode=$(inside stat -c %i "$textdir/qeld.prom")
+expect_true "a run replaces qeld.prom (inode $first_inode, then $second_inode)" test "$first_inode" != "$second_inode"
+expect_eq "mode of qeld.prom" "$(inside stat -c %a "$textdir/qeld.prom")" 644
+expect_eq "files in the textfile directory" "$(inside ls -A "$textdir" | grep qeld | tr '\n' ' ')" \
+  "qeld.prom qeld.prom.lock "
+inside cat "$textdir/qeld.prom" >"$T/qeld.prom"
+# node_exporter with the textfile collector alone, on 127.0.0.1 (the
+# container shares the host's network), on a port nobody listens on.
+port=
+for candidate in $(shuf -i 20000-40000 -n 20); do
+  if ! ss -Hltn "sport = :$candidate" | grep -q .; then port=$candidate; break; fi
+done
+expect_true "a free port for node_exporter ($port)" test -n "$port"
+inside systemd-run --quiet --unit=qel-node-exporter --service-type=exec /usr/bin/prometheus-node-exporter \
+  --web.listen-address="127.0.0.1:$port" --collector.disable-defaults --collector.textfile \
+  --collector.textfile.directory="$textdir"
+scrape() { python3 -c 'import sys, urllib.request; sys.stdout.write(urllib.request.urlopen(sys.argv[1], timeout=5).read().decode())' \
+  "http://127.0.0.1:$port/metrics" >"$T/scrape.txt" 2>/dev/null; }
+wait_until 30 "node_exporter answers on 127.0.0.1:$port" scrape
+# Debian's python3 (python3-prometheus-client), whatever python3 comes first in PATH.
+check=$(/usr/bin/python3 - "$T/qeld.prom" "$T/scrape.txt" <<'PY'
+import sys
+from prometheus_client.parser import text_string_to_metric_families
+problems = []
+def samples(path):
+    try:
+        return [s for f in text_string_to_metric_families(open(path).read()) for s in f.samples]
+    except Exception as e:
+        problems.append("%s does not parse: %s" % (path, e))
+        return []
+def value(found, name, **labels):
+    for s in found:
+        if s.name == name and all(s.labels.get(k) == v for k, v in labels.items()):
+            return s.value
+    problems.append("no %s%s" % (name, labels or ""))
+for path in sys.argv[1:]:
+    found = samples(path)
+    for c in ("bmc", "bmc-watchdog", "sel"):
+        if value(found, "ipmi_up", collector=c) != 1:
+            problems.append("%s: ipmi_up{collector=%s} is not 1" % (path, c))
+        value(found, "ipmi_scrape_duration_seconds", collector=c)
+    if value(found, "ipmi_bmc_info", system_firmware_version='a"b\\c\nd') != 1:
+        problems.append("%s: ipmi_bmc_info does not carry the controller's string as it is" % path)
+scraped = samples(sys.argv[2])
+if value(scraped, "node_textfile_scrape_error") != 0:
+    problems.append("node_textfile_scrape_error is not 0")
+print("; ".join(problems) if problems else "ok")
+PY
+)
+expect_eq "qeld.prom and node_exporter's scrape parse, with the ipmi_* metrics" "$check" ok
+inside systemctl stop qel-node-exporter.service
+# The timer stays enabled: removing the package stops it (below).
+inside systemctl start qeld.service
+
 step "removing qeld leaves the watchdog stopped"
 wait_until 30 "watchdog armed" timer_running
 inside dpkg --purge qeld >"$T/dpkg-purge.log" 2>&1 || fail "dpkg --purge qeld: $(cat "$T/dpkg-purge.log")"
 expect_true "watchdog stopped" timer_stopped
 expect_eq "unit gone" "$(inside systemctl show -P LoadState qeld.service)" not-found
+expect_eq "the enabled metrics timer stopped" "$(inside systemctl is-active qeld-metrics.timer 2>&1 || true)" inactive
 expect_true "no qeld process" bash -c "! nsenter -t $LEADER -a pgrep -x qeld >/dev/null"
 
 step "the container goes, and leaves nothing on the host"

@@ -3,22 +3,37 @@
 // it mishandling (a record that breaks off in a function entry, shown as
 // text, and a version 10 type text that is not UTF-8, shown as JSON); and
 // `status` and `metrics` on a host without a controller; `sensors` in text
-// and JSON.
+// and JSON; `metrics --textfile`: the file always whole, one writer at a time,
+// the time-out, label values from the controller escaped.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <cctype>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "qelIpmiCommands.h"
 #include "qelSimDevice.h"
 #include "qelSimFru.h"
 #include "qelSimSdr.h"
+#include "qelSimSystemInfo.h"
 #include "qelctlCommands.h"
+#include "qelctlTextfile.h"
 
 namespace {
 
@@ -274,6 +289,408 @@ TEST_F(QelctlSensors, WithoutAControllerTheCommandFailsBeforeReadingAnySensor) {
     sim->setAllPathsMissing(true);
     EXPECT_ANY_THROW(runArgs(qelctl::addSensors, {"sensors"}, false));
     EXPECT_EQ(sim->requestCount(), 0u);
+}
+
+// ---------------------------------------------------------------- textfile
+
+namespace textfile = qelctl::textfile;
+
+// An empty directory of its own, removed with what is in it.
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/qelctl-textfile.XXXXXX";
+        if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = name;
+    }
+    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+std::string contentsOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> namesIn(const std::string& dir) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
+    if (!d) return names;
+    while (const dirent* e = ::readdir(d.get()))
+        if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// `qelctl metrics ARGS...` as qelctl's main parses and runs it. A Failure
+// thrown by the action (main prints it, status 1) comes back as the error.
+CommandRun runMetrics(const std::vector<std::string>& args) {
+    CLI::App app{"qelctl"};
+    qelctl::Output output;
+    app.add_flag("--json", output.json, "JSON");
+    qelctl::Action action;
+    qelctl::addMetrics(app, action);
+    std::vector<const char*> argv = {"qelctl", "metrics"};
+    for (const auto& a : args) argv.push_back(a.c_str());
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    CommandRun run;
+    CapturedOutput out;
+    CapturedOutput err(std::cerr);
+    try {
+        run.status = action(output);
+    } catch (const qelctl::Failure& e) {
+        run.status = qelctl::exitFailed;
+        std::cerr << "qelctl: " << e.what() << '\n';
+    }
+    run.out = out.text();
+    run.err = err.text();
+    return run;
+}
+
+// The samples of a text in the exposition format, name and unescaped label
+// values, as a scraper reads them; a line that does not parse fails the test.
+struct Sample {
+    std::string name;
+    std::map<std::string, std::string> labels;
+    std::string value;
+};
+std::vector<Sample> parseExposition(const std::string& text) {
+    std::vector<Sample> samples;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        Sample s;
+        std::size_t i = 0;
+        while (i < line.size() && (std::isalnum(static_cast<unsigned char>(line[i])) || line[i] == '_' || line[i] == ':'))
+            s.name += line[i++];
+        bool ok = !s.name.empty();
+        if (ok && i < line.size() && line[i] == '{') {
+            ++i;
+            while (ok && i < line.size() && line[i] != '}') {
+                std::string key;
+                while (i < line.size() && line[i] != '=') key += line[i++];
+                ok = i + 1 < line.size() && line[i + 1] == '"';
+                i += 2;
+                std::string value;
+                while (ok && i < line.size() && line[i] != '"') {
+                    if (line[i] == '\\') {
+                        ok = i + 1 < line.size() && std::string("\\\"n").find(line[i + 1]) != std::string::npos;
+                        if (!ok) break;
+                        value += line[i + 1] == 'n' ? '\n' : line[i + 1];
+                        i += 2;
+                    } else {
+                        value += line[i++];
+                    }
+                }
+                ok = ok && i < line.size();
+                ++i;
+                s.labels[key] = value;
+                if (ok && i < line.size() && line[i] == ',') ++i;
+            }
+            ok = ok && i < line.size();
+            ++i;
+        }
+        ok = ok && i < line.size() && line[i] == ' ';
+        if (ok) s.value = line.substr(i + 1);
+        char* end = nullptr;
+        ok = ok && !s.value.empty() && (std::strtod(s.value.c_str(), &end), *end == '\0');
+        if (!ok) {
+            ADD_FAILURE() << "a line the exposition format does not allow: " << line;
+            continue;
+        }
+        samples.push_back(s);
+    }
+    return samples;
+}
+
+const Sample* find(const std::vector<Sample>& samples, const std::string& name,
+                   const std::map<std::string, std::string>& labels = {}) {
+    for (const auto& s : samples) {
+        if (s.name != name) continue;
+        bool all = true;
+        for (const auto& l : labels) all = all && s.labels.count(l.first) && s.labels.at(l.first) == l.second;
+        if (all) return &s;
+    }
+    return nullptr;
+}
+
+TEST(QelctlTextfile, LabelValueEscapesBackslashQuoteAndNewline) {
+    EXPECT_EQ(textfile::escapeLabelValue("a\\b\"c\nd"), "a\\\\b\\\"c\\nd");
+    EXPECT_EQ(textfile::escapeLabelValue("plain 1.2"), "plain 1.2");
+}
+
+TEST(QelctlTextfile, LabelValueReplacesBytesThatAreNotUtf8) {
+    EXPECT_EQ(textfile::escapeLabelValue("F\xDC!"), "F\xEF\xBF\xBD!");
+    EXPECT_EQ(textfile::escapeLabelValue("\xC3\xBC \xE2\x82\xAC"), "\xC3\xBC \xE2\x82\xAC") << "valid UTF-8 stays";
+    EXPECT_EQ(textfile::escapeLabelValue("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD") << "an overlong slash";
+    EXPECT_EQ(textfile::escapeLabelValue("\xE2\x82"), "\xEF\xBF\xBD\xEF\xBF\xBD") << "a sequence cut off";
+}
+
+TEST(QelctlTextfile, WritesTheMetricsWithCollectorsUpAndTheControllersIdentity) {
+    qelSim::ScopedSimulator sim;
+    sim->systemInfo().setText(1, "R1.2.3");
+    TempDir dir;
+
+    const CommandRun run = runMetrics({"--textfile", dir.path()});
+    EXPECT_EQ(run.status, qelctl::exitOk) << run.err;
+    EXPECT_EQ(run.out, "") << "the text goes to the file only";
+    const std::string text = contentsOf(dir.file("qeld.prom"));
+    const auto samples = parseExposition(text);
+    for (const char* c : {"bmc", "bmc-watchdog", "sel"}) {
+        const Sample* up = find(samples, "ipmi_up", {{"collector", c}});
+        ASSERT_NE(up, nullptr) << c << '\n' << text;
+        EXPECT_EQ(up->value, "1") << c;
+        ASSERT_NE(find(samples, "ipmi_scrape_duration_seconds", {{"collector", c}}), nullptr) << c;
+        const Sample* timeouts = find(samples, "qel_metrics_timeouts_total", {{"collector", c}});
+        ASSERT_NE(timeouts, nullptr) << c;
+        EXPECT_EQ(timeouts->value, "0");
+    }
+    const Sample* info = find(samples, "ipmi_bmc_info");
+    ASSERT_NE(info, nullptr) << text;
+    EXPECT_EQ(info->labels.at("system_firmware_version"), "R1.2.3");
+    const auto& id = sim->deviceId();  // completion code first
+    EXPECT_EQ(info->labels.at("manufacturer_id"), std::to_string(id[7] | (id[8] << 8) | ((id[9] & 0x0F) << 16)));
+    EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{"qeld.prom", "qeld.prom.lock"}))
+        << "no temporary file left behind";
+    struct stat info2;
+    ASSERT_EQ(::stat(dir.file("qeld.prom").c_str(), &info2), 0);
+    EXPECT_EQ(info2.st_mode & 07777, 0644u) << "node_exporter runs as its own user";
+}
+
+TEST(QelctlTextfile, HostileControllerStringIsEscapedAndReadsBackUnchanged) {
+    qelSim::ScopedSimulator sim;
+    const std::string hostile = "1.0\"} ipmi_up{collector=\"bmc\"} 0\n# TYPE x counter\\";
+    sim->systemInfo().setText(1, hostile);
+    TempDir dir;
+
+    EXPECT_EQ(runMetrics({"--textfile", dir.path()}).status, qelctl::exitOk);
+    const std::string text = contentsOf(dir.file("qeld.prom"));
+    const auto samples = parseExposition(text);
+    const Sample* info = find(samples, "ipmi_bmc_info");
+    ASSERT_NE(info, nullptr) << text;
+    EXPECT_EQ(info->labels.at("system_firmware_version"), hostile);
+    // One line a sample or comment: the string opened no line of its own.
+    std::istringstream lines(text);
+    std::size_t count = 0, comments = 0;
+    for (std::string line; std::getline(lines, line); ++count) comments += line.rfind('#', 0) == 0;
+    EXPECT_EQ(count, samples.size() + comments) << text;
+    EXPECT_EQ(find(samples, "ipmi_up", {{"collector", "bmc"}})->value, "1");
+}
+
+TEST(QelctlTextfile, ControllerThatDoesNotKnowSystemInfoLeavesTheFirmwareVersionEmpty) {
+    qelSim::ScopedSimulator sim;
+    sim->systemInfo().setKnown(false);
+    TempDir dir;
+
+    EXPECT_EQ(runMetrics({"--textfile", dir.path()}).status, qelctl::exitOk);
+    const auto samples = parseExposition(contentsOf(dir.file("qeld.prom")));
+    const Sample* info = find(samples, "ipmi_bmc_info");
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->labels.at("system_firmware_version"), "");
+}
+
+TEST(QelctlTextfile, WithoutAControllerWritesTheCollectorsDownAndExitsThree) {
+    qelSim::ScopedSimulator sim;
+    sim->setAllPathsMissing(true);
+    TempDir dir;
+
+    const CommandRun run = runMetrics({"--textfile", dir.path()});
+    EXPECT_EQ(run.status, qelctl::exitNoController);
+    EXPECT_EQ(run.err, "qelctl: " + kNoController + "\n");
+    const auto samples = parseExposition(contentsOf(dir.file("qeld.prom")));
+    for (const char* c : {"bmc", "bmc-watchdog", "sel"}) {
+        const Sample* up = find(samples, "ipmi_up", {{"collector", c}});
+        ASSERT_NE(up, nullptr) << c;
+        EXPECT_EQ(up->value, "0") << c;
+    }
+    EXPECT_EQ(find(samples, "ipmi_bmc_info"), nullptr);
+}
+
+TEST(QelctlTextfile, AMissingDirectoryIsOneLineAndStatusOne) {
+    qelSim::ScopedSimulator sim;
+    TempDir dir;
+    const CommandRun run = runMetrics({"--textfile", dir.file("absent")});
+    EXPECT_EQ(run.status, qelctl::exitFailed);
+    EXPECT_EQ(run.err, "qelctl: metrics: " + dir.file("absent") + ": No such file or directory\n");
+    EXPECT_EQ(sim->requestCount(), 0u) << "nothing is asked when there is nowhere to write";
+}
+
+TEST(QelctlTextfile, AFileInPlaceOfTheDirectoryIsRefused) {
+    qelSim::ScopedSimulator sim;
+    TempDir dir;
+    std::ofstream(dir.file("plain")) << "x";
+    const CommandRun run = runMetrics({"--textfile", dir.file("plain")});
+    EXPECT_EQ(run.status, qelctl::exitFailed);
+    EXPECT_EQ(run.err, "qelctl: metrics: " + dir.file("plain") + ": not a directory\n");
+}
+
+TEST(QelctlTextfile, WithoutTextfileTheTextGoesToStandardOutputAndNoFileIsWritten) {
+    qelSim::ScopedSimulator sim;
+    const CommandRun run = runMetrics({});
+    EXPECT_EQ(run.status, qelctl::exitOk) << run.err;
+    const auto samples = parseExposition(run.out);
+    ASSERT_NE(find(samples, "ipmi_up", {{"collector", "bmc"}}), nullptr) << run.out;
+    EXPECT_EQ(find(samples, "qel_metrics_timeouts_total"), nullptr) << "a figure of --textfile runs only";
+}
+
+TEST(QelctlTextfile, TimeoutNeedsTextfile) {
+    CLI::App app{"qelctl"};
+    qelctl::Action action;
+    qelctl::addMetrics(app, action);
+    const char* argv[] = {"qelctl", "metrics", "--timeout", "5"};
+    EXPECT_THROW(app.parse(4, argv), CLI::RequiresError);
+}
+
+TEST(QelctlTextfile, JsonDoesNotApplyToTheTextfile) {
+    qelSim::ScopedSimulator sim;
+    TempDir dir;
+    CLI::App app{"qelctl"};
+    qelctl::Output output;
+    app.add_flag("--json", output.json, "JSON");
+    qelctl::Action action;
+    qelctl::addMetrics(app, action);
+    const std::string path = dir.path();
+    const char* argv[] = {"qelctl", "--json", "metrics", "--textfile", path.c_str()};
+    app.parse(5, argv);
+    CapturedOutput err(std::cerr);
+    EXPECT_EQ(action(output), qelctl::exitUsage);
+    EXPECT_NE(err.text().find("--json does not apply"), std::string::npos) << err.text();
+    EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{});
+}
+
+TEST(QelctlTextfile, ASecondRunWhileTheLockIsHeldEndsWithOneLineAndLeavesTheFile) {
+    qelSim::ScopedSimulator sim;
+    TempDir dir;
+    std::ofstream(dir.file("qeld.prom")) << "old 1\n";
+    {
+        textfile::DirectoryLock first(dir.path());
+        const CommandRun second = runMetrics({"--textfile", dir.path()});
+        EXPECT_EQ(second.status, qelctl::exitFailed);
+        EXPECT_EQ(second.err, "qelctl: metrics: " + dir.file("qeld.prom.lock") +
+                                  ": another qelctl metrics run is writing " + dir.file("qeld.prom") + "\n");
+        EXPECT_EQ(contentsOf(dir.file("qeld.prom")), "old 1\n");
+        EXPECT_EQ(sim->requestCount(), 0u);
+    }
+    EXPECT_EQ(runMetrics({"--textfile", dir.path()}).status, qelctl::exitOk) << "the lock goes with its holder";
+    EXPECT_NE(contentsOf(dir.file("qeld.prom")), "old 1\n");
+}
+
+TEST(QelctlTextfile, TheLockIsHeldAgainstAnotherProcess) {
+    TempDir dir;
+    textfile::DirectoryLock held(dir.path());
+    // flock belongs to the open file: a child process's own open conflicts.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        try {
+            textfile::DirectoryLock second(dir.path());
+            ::_exit(0);
+        } catch (const qelctl::Failure&) {
+            ::_exit(42);
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << status;
+}
+
+TEST(QelctlTextfile, AReaderNeverSeesAPartialFileWhileRunsRepeat) {
+    TempDir dir;
+    // Two texts of different lengths, each larger than one write and one
+    // read (a partial file would be a prefix, or a mix, of them).
+    const std::string a(300000, 'a'), b(200000, 'b');
+    textfile::writeAtomically(dir.path(), "qeld.prom", a);
+    std::atomic<bool> done{false};
+    std::atomic<long> reads{0}, bad{0};
+    // A whole run's text begins with the first family and ends with the
+    // last one's last sample.
+    const std::string runStart = "# HELP qel_up ";
+    const std::string runEnd = "qel_metrics_timeouts_total{collector=\"sel\"} 0\n";
+    const auto wholeRun = [&](const std::string& t) {
+        return t.rfind(runStart, 0) == 0 && t.size() > runEnd.size() &&
+               t.compare(t.size() - runEnd.size(), runEnd.size(), runEnd) == 0;
+    };
+    std::thread reader([&] {
+        do {
+            const std::string seen = contentsOf(dir.file("qeld.prom"));
+            if (seen != a && seen != b && !wholeRun(seen)) ++bad;
+            ++reads;
+        } while (!done || reads < 1);
+    });
+    for (int i = 0; i < 300; ++i) textfile::writeAtomically(dir.path(), "qeld.prom", i % 2 ? a : b);
+    // And whole runs of the command, between which the reader goes on.
+    qelSim::ScopedSimulator sim;
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(runMetrics({"--textfile", dir.path()}).status, qelctl::exitOk);
+    done = true;
+    reader.join();
+    EXPECT_EQ(bad, 0) << "of " << reads << " reads";
+    EXPECT_GT(reads, 0);
+    const std::string last = contentsOf(dir.file("qeld.prom"));
+    EXPECT_TRUE(wholeRun(last)) << last;
+    EXPECT_FALSE(parseExposition(last).empty());
+    EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{"qeld.prom", "qeld.prom.lock"}));
+}
+
+TEST(QelctlTextfile, AWriteThatFailsLeavesTheOldFileAndNoTemporary) {
+    TempDir dir;
+    textfile::writeAtomically(dir.path(), "qeld.prom", "old 1\n");
+    // A directory in the way of the rename.
+    ASSERT_EQ(::mkdir(dir.file("blocked.prom").c_str(), 0755), 0);
+    std::ofstream(dir.file("blocked.prom/x")) << "x";
+    EXPECT_THROW(textfile::writeAtomically(dir.path(), "blocked.prom", "new 1\n"), qelctl::Failure);
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom")), "old 1\n");
+    EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{"blocked.prom", "qeld.prom"}));
+}
+
+TEST(QelctlTextfile, ADisarmedDeadlineNeverFires) {
+    std::atomic<int> fired{0};
+    {
+        textfile::Deadline deadline(0.001, [&fired] { ++fired; });
+        deadline.disarm();
+    }
+    // The watcher was joined: had it fired, the process would have ended.
+    EXPECT_EQ(fired, 0);
+}
+
+// A run stuck on a controller that does not answer: the time-out ends it,
+// the old file stays, and the time-out is counted for the collector it was
+// in; the next run, with the controller answering again, reports it up and
+// shows the count.
+TEST(QelctlTextfileDeathTest, ARunThatTimesOutLeavesTheFileAndTheNextRunCountsIt) {
+    // "fast": the child is a fork of this test, with its directory.
+    GTEST_FLAG_SET(death_test_style, "fast");
+    TempDir dir;
+    std::ofstream(dir.file("qeld.prom")) << "old 1\n";
+    EXPECT_EXIT(
+        {
+            qelSim::ScopedSimulator sim;
+            sim->setRealTimeouts(true);  // select really waits its 5 s
+            sim->injectFault(qelSim::Fault::noReply().forCommand(qelIpmi::netfn::app, qelIpmi::cmd::getWatchdogTimer));
+            (void)runMetrics({"--textfile", dir.path(), "--timeout", "0.3"});
+            std::_Exit(0);
+        },
+        ::testing::ExitedWithCode(qelctl::exitFailed),
+        "qelctl: metrics: timed out after 0.3 s reading watchdog \\(collector bmc-watchdog\\); .*qeld.prom left as it was");
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom")), "old 1\n");
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom.timeouts")), "bmc-watchdog 1\n");
+
+    qelSim::ScopedSimulator sim;
+    ASSERT_EQ(runMetrics({"--textfile", dir.path()}).status, qelctl::exitOk);
+    const auto samples = parseExposition(contentsOf(dir.file("qeld.prom")));
+    const Sample* counted = find(samples, "qel_metrics_timeouts_total", {{"collector", "bmc-watchdog"}});
+    ASSERT_NE(counted, nullptr);
+    EXPECT_EQ(counted->value, "1");
+    EXPECT_EQ(find(samples, "qel_metrics_timeouts_total", {{"collector", "sel"}})->value, "0");
+    EXPECT_EQ(find(samples, "ipmi_up", {{"collector", "bmc-watchdog"}})->value, "1");
+    EXPECT_EQ(namesIn(dir.path()),
+              (std::vector<std::string>{"qeld.prom", "qeld.prom.lock", "qeld.prom.timeouts"}));
 }
 
 }  // namespace
