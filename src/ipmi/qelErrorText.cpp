@@ -10,6 +10,7 @@
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
 #include "qelSdrRecord.h"
+#include "qelSel.h"
 #include "qelSensors.h"
 #include "qelSystemInfo.h"
 
@@ -36,7 +37,8 @@ std::string textOf(const std::exception& error) {
         takeErrorText<QelConfSpaceDataError>(error, text) || takeErrorText<QelBladeInfoError>(error, text) ||
         takeErrorText<QelCondQueueError>(error, text) || takeErrorText<QelAccessControlError>(error, text) ||
         takeErrorText<qelHostInventory::QelHostInventoryError>(error, text) ||
-        takeErrorText<qelSdr::QelSdrError>(error, text) || takeErrorText<qelSensors::QelSensorError>(error, text))
+        takeErrorText<qelSdr::QelSdrError>(error, text) || takeErrorText<qelSel::QelSelError>(error, text) ||
+        takeErrorText<qelSensors::QelSensorError>(error, text))
         return text;
     return error.what();
 }

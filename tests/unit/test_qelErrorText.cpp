@@ -17,8 +17,9 @@
 #include "qelIpmi.h"
 #include "qelIpmiWatchdog.h"
 #include "qelSdrRecord.h"
+#include "qelSel.h"
+#include "qelSensors.h"
 #include "qelSystemInfo.h"
-
 
 namespace {
 
@@ -43,6 +44,8 @@ TEST(ErrorTextOf, EveryLibraryErrorGivesItsErrorText) {
     expectTextOf<QelAccessControlError>("QelAccessControlError");
     expectTextOf<qelHostInventory::QelHostInventoryError>("QelHostInventoryError");
     expectTextOf<qelSdr::QelSdrError>("QelSdrError");
+    expectTextOf<qelSel::QelSelError>("QelSelError");
+    expectTextOf<qelSensors::QelSensorError>("QelSensorError");
 }
 
 TEST(ErrorTextOf, AnyOtherExceptionGivesWhat) {
