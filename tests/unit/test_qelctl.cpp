@@ -426,6 +426,14 @@ TEST(QelctlTextfile, LabelValueEscapesBackslashQuoteAndNewline) {
     EXPECT_EQ(textfile::escapeLabelValue("plain 1.2"), "plain 1.2");
 }
 
+// A label value goes to a terminal too (`qelctl metrics`): control bytes
+// from the controller (ESC, CR, DEL...) never pass raw.
+TEST(QelctlTextfile, LabelValueReplacesControlBytes) {
+    EXPECT_EQ(textfile::escapeLabelValue("a\x1b[2Jb\rc\x7f\x01"),
+              "a\xEF\xBF\xBD[2Jb\xEF\xBF\xBD" "c\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(textfile::escapeLabelValue("tab\there"), "tab\xEF\xBF\xBD" "here");
+}
+
 TEST(QelctlTextfile, LabelValueReplacesBytesThatAreNotUtf8) {
     EXPECT_EQ(textfile::escapeLabelValue("F\xDC!"), "F\xEF\xBF\xBD!");
     EXPECT_EQ(textfile::escapeLabelValue("\xC3\xBC \xE2\x82\xAC"), "\xC3\xBC \xE2\x82\xAC") << "valid UTF-8 stays";

@@ -63,7 +63,12 @@ std::string escapeLabelValue(const std::string& raw) {
             case '\\': out += "\\\\"; break;
             case '"': out += "\\\""; break;
             case '\n': out += "\\n"; break;
-            default: out += raw[i];
+            default:
+                // Control bytes from the controller would reach a terminal
+                // raw (`qelctl metrics`): they become U+FFFD, as bytes that
+                // are not UTF-8 do.
+                if (static_cast<unsigned char>(raw[i]) < 0x20 || raw[i] == 0x7F) out += "\xEF\xBF\xBD";
+                else out += raw[i];
             }
         } else {
             out.append(raw, i, n);

@@ -24,7 +24,8 @@ constexpr const char* fileName = "qeld.prom";
 
 // A label value as the text format wants it: a backslash, a double quote and
 // a newline escaped, and bytes that are not UTF-8 replaced by U+FFFD (the
-// collector refuses a whole file for one invalid label value).
+// collector refuses a whole file for one invalid label value), as are
+// control bytes other than the newline (they would reach a terminal raw).
 std::string escapeLabelValue(const std::string& raw);
 
 // The exclusive flock on DIR/qeld.prom.lock, held until destruction.
