@@ -78,6 +78,10 @@ compare() {
   freeipmi --quiet-cache --shared-sensors --output-sensor-state --non-abbreviated-units --comma-separated-output \
     --no-header-output >"$work/freeipmi.out" 2>"$work/freeipmi.err" ||
     fail "$round: ipmi-sensors: $(cat "$work/freeipmi.err")"
+  # As ipmi_exporter runs it: abbreviated units.
+  freeipmi --quiet-cache --shared-sensors --output-sensor-state --comma-separated-output \
+    --no-header-output >"$work/freeipmi-abbrev.out" 2>"$work/freeipmi.err" ||
+    fail "$round: ipmi-sensors: $(cat "$work/freeipmi.err")"
   python3 - "$work" "$round" <<'EOF' || fail "$round: the readers disagree (above)"
 import json, re, sys
 work, round_ = sys.argv[1], sys.argv[2]
@@ -175,6 +179,80 @@ sys.exit(0 if ok else 1)
 EOF
 }
 
+# `qelctl metrics` against ipmi-sensors, the way ipmi_exporter turns its
+# columns into samples: the value (NaN for N/A; a fan's percentage as a
+# ratio) and the state (Nominal 0, Warning 1, Critical 2, N/A NaN), under
+# the family its units choose. The text is read by Debian's Prometheus
+# parser, which must take all of it.
+compare_metrics() {
+  local round=$1
+  CACHE_DIRECTORY=$work/nocache "$qelctl" --bmc-socket "$sock" metrics --collectors ipmi,dcmi,chassis \
+    >"$work/metrics.prom" 2>"$work/metrics.err" || fail "$round: qelctl metrics: $(cat "$work/metrics.err")"
+  /usr/bin/python3 - "$work" "$round" <<'EOF' || fail "$round: qelctl metrics and ipmi-sensors disagree (above)"
+import math, re, sys
+from prometheus_client.parser import text_string_to_metric_families
+work, round_ = sys.argv[1], sys.argv[2]
+problems = []
+samples = [s for f in text_string_to_metric_families(open(work + "/metrics.prom").read()) for s in f.samples]
+by_name = {}
+for s in samples:
+    if "name" in s.labels:
+        by_name.setdefault(s.labels["name"].replace(" ", ""), {})[s.name] = s
+family = {"C": "temperature_celsius", "RPM": "fan_speed_rpm", "V": "voltage_volts", "A": "current_amperes",
+          "W": "power_watts"}
+state_family = {"C": "temperature_state", "RPM": "fan_speed_state", "V": "voltage_state", "A": "current_state",
+                "W": "power_state"}
+state_value = {"Nominal": 0, "Warning": 1, "Critical": 2}
+compared = 0
+for line in open(work + "/freeipmi-abbrev.out"):
+    fields = line.rstrip("\n").split(",", 6)
+    if len(fields) < 7: continue
+    id_, name, typ, state, reading, units, events = fields
+    ours = by_name.get(name.replace(" ", ""))
+    if ours is None:
+        problems.append("ipmi-sensors shows %r, the metrics do not" % name)
+        continue
+    values = [x for x in ours.values() if not x.name.endswith("_state")]
+    if reading == "N/A" and len(values) == 1 and not math.isnan(values[0].value):
+        # A reading the tool does not take (a non-linear or a compact
+        # threshold sensor, see above) and the library does: its value is
+        # checked against the description instead.
+        compared += 1
+        continue
+    value_name = "ipmi_" + family.get(units, "sensor_value")
+    state_name = "ipmi_" + state_family.get(units, "sensor_state")
+    if units == "%" and typ == "Fan":
+        value_name, state_name = "ipmi_fan_speed_ratio", "ipmi_fan_speed_state"
+    v, st = ours.get(value_name), ours.get(state_name)
+    if v is None or st is None:
+        problems.append("%s: no %s/%s (has %s)" % (name, value_name, state_name, sorted(ours)))
+        continue
+    if v.labels["id"] != id_:
+        problems.append("%s: id %s, ipmi-sensors %s" % (name, v.labels["id"], id_))
+    want = float("nan") if reading == "N/A" else float(reading) / (100 if value_name == "ipmi_fan_speed_ratio" else 1)
+    if not ((math.isnan(want) and math.isnan(v.value)) or abs(v.value - want) <= 0.005):
+        problems.append("%s: %s %r, ipmi-sensors %s" % (name, value_name, v.value, reading))
+    want_state = state_value.get(state, float("nan"))
+    # A threshold sensor's state is where its reading stands against its
+    # thresholds, as the event column says: ipmi-sensors' own state column
+    # rates a non-critical crossing Nominal (its default interpretation),
+    # ours Warning, as the comparison status bits say.
+    texts = re.findall(r"'([^']*)'", events)
+    if units != "N/A" and len(texts) == 1 and "Threshold" in texts[0] or texts == ["OK"] and reading != "N/A":
+        t = texts[0]
+        want_state = 0 if t == "OK" else 1 if "Non-Critical" in t else 2
+    if not ((math.isnan(want_state) and math.isnan(st.value)) or st.value == want_state):
+        problems.append("%s: %s %r, ipmi-sensors %s" % (name, state_name, st.value, state))
+    compared += 1
+for c in ("ipmi", "dcmi", "chassis"):
+    if not any(s.name == "ipmi_up" and s.labels.get("collector") == c and s.value == 1 for s in samples):
+        problems.append("ipmi_up{collector=%s} is not 1" % c)
+for p in problems: print("mismatch (%s): %s" % (round_, p), file=sys.stderr)
+if not problems: print("ok: %s: metrics of %d sensors equal ipmi-sensors'" % (round_, compared))
+sys.exit(1 if problems else 0)
+EOF
+}
+
 # What the library reads where neither tool has a value.
 expect() {
   local name=$1 reading=$2 state=$3
@@ -191,12 +269,14 @@ EOF
 # ---- the blade of default.conf
 start "$descriptions/default.conf"
 compare "default.conf"
+compare_metrics "default.conf"
 ctl sensor 0x01 86   # CPU1 Temp: upper non-critical
 ctl sensor 0x02 96   # CPU2 Temp: upper non-recoverable
 ctl sensor 0x10 10   # FAN1: lower critical
 ctl sensor 0x21 204  # 3.3V: lower non-critical
 ctl sensor 0x41 0x03 # PSU2 Status: failure detected
 compare "default.conf, thresholds crossed"
+compare_metrics "default.conf, thresholds crossed"
 
 # The chassis status and the DCMI power reading the reader takes apart (its
 # unit tests run against these handlers), as ipmitool decodes them.
@@ -221,6 +301,7 @@ stop
 # ---- the rack server of rack.conf
 start "$descriptions/rack.conf"
 compare "rack.conf"
+compare_metrics "rack.conf"
 expect P1-DIMM1 41 nominal
 # No DCMI power management here.
 if ipmi dcmi power reading >"$work/tool.out" 2>&1 && grep -q "Instantaneous power reading" "$work/tool.out"; then
@@ -239,6 +320,7 @@ ctl sensor 0x51 0x03 # PSU2 Status: failure detected
 ctl sensor 0x58 0x41 # Memory: a correctable ECC error
 ctl sensor 0x61 0x02 # Drive1: drive fault
 compare "rack.conf, thresholds crossed"
+compare_metrics "rack.conf, thresholds crossed"
 expect P1-DIMM2 86 critical
 expect Fan7 750 warning
 stop

@@ -84,7 +84,7 @@ qelctl metrics >"$T/metrics"
 expect_true "metrics: timer state" grep -qx "ipmi_bmc_watchdog_timer_state 0" "$T/metrics"
 expect_true "metrics: initial countdown" grep -qx "ipmi_bmc_watchdog_initial_countdown_seconds 120" "$T/metrics"
 expect_true "metrics: every line a comment or a sample" \
-  sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"([^\"\\\\]|\\\\.)*\"(,[a-z_]+=\"([^\"\\\\]|\\\\.)*\")*\})? -?[0-9.e+-]+)$' '$T/metrics'"
+  sh -c "! grep -vE '^(# (HELP|TYPE) [a-z_]+ .*|[a-z_]+(\{[a-z_]+=\"([^\"\\\\]|\\\\.)*\"(,[a-z_]+=\"([^\"\\\\]|\\\\.)*\")*\})? (-?[0-9.e+-]+|NaN|[+-]Inf))$' '$T/metrics'"
 expect_true "metrics: the collectors up" grep -qx 'ipmi_up{collector="bmc"} 1' "$T/metrics"
 expect_true "metrics: the controller's identity" grep -q '^ipmi_bmc_info{firmware_revision="[^"]*",manufacturer_id="[0-9]*",system_firmware_version="' "$T/metrics"
 
@@ -200,7 +200,7 @@ step "the manual page and the bash completion"
 if command -v man >/dev/null; then
   MANWIDTH=80 man --warnings -l "$QEL_SOURCE_DIR/packaging/qelctl.8" >"$T/man.txt" 2>"$T/man.err"
   expect_eq "man warnings" "$(cat "$T/man.err")" ""
-  for c in status identity watchdog config lan pni board sensors inventory host metrics; do
+  for c in status identity watchdog config lan pni board sensors power inventory host metrics; do
     expect_true "the manual names $c" grep -qw "$c" "$T/man.txt"
   done
 fi

@@ -388,10 +388,15 @@ def value(found, name, **labels):
     problems.append("no %s%s" % (name, labels or ""))
 for path in sys.argv[1:]:
     found = samples(path)
-    for c in ("bmc", "bmc-watchdog", "sel"):
+    for c in ("bmc", "bmc-watchdog", "sel", "ipmi", "dcmi", "chassis"):
         if value(found, "ipmi_up", collector=c) != 1:
             problems.append("%s: ipmi_up{collector=%s} is not 1" % (path, c))
         value(found, "ipmi_scrape_duration_seconds", collector=c)
+    # The sensors of default.conf, served by node_exporter as written.
+    value(found, "ipmi_temperature_celsius", name="CPU1 Temp")
+    value(found, "ipmi_fan_speed_rpm", name="FAN1")
+    value(found, "ipmi_dcmi_power_consumption_watts")
+    value(found, "ipmi_chassis_power_state")
     if value(found, "ipmi_bmc_info", system_firmware_version='a"b\\c\nd') != 1:
         problems.append("%s: ipmi_bmc_info does not carry the controller's string as it is" % path)
 scraped = samples(sys.argv[2])

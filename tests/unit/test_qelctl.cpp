@@ -22,12 +22,15 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qelIpmiCommands.h"
+#include "qelSimChassis.h"
+#include "qelSimDcmi.h"
 #include "qelSimDevice.h"
 #include "qelSimFru.h"
 #include "qelSimSdr.h"
@@ -619,7 +622,7 @@ TEST(QelctlTextfile, AReaderNeverSeesAPartialFileWhileRunsRepeat) {
     std::atomic<long> reads{0}, bad{0};
     // A whole run's text begins with the first family and ends with the
     // last one's last sample.
-    const std::string runStart = "# HELP qel_up ";
+    const std::string runStart = "# HELP ipmi_bmc_info ";
     const std::string runEnd = "qel_metrics_timeouts_total{collector=\"sel\"} 0\n";
     const auto wholeRun = [&](const std::string& t) {
         return t.rfind(runStart, 0) == 0 && t.size() > runEnd.size() &&
@@ -685,7 +688,7 @@ TEST(QelctlTextfileDeathTest, ARunThatTimesOutLeavesTheFileAndTheNextRunCountsIt
             std::_Exit(0);
         },
         ::testing::ExitedWithCode(qelctl::exitFailed),
-        "qelctl: metrics: timed out after 0.3 s reading watchdog \\(collector bmc-watchdog\\); .*qeld.prom left as it was");
+        "qelctl: metrics: timed out after 0.3 s reading collector bmc-watchdog; .*qeld.prom left as it was");
     EXPECT_EQ(contentsOf(dir.file("qeld.prom")), "old 1\n");
     EXPECT_EQ(contentsOf(dir.file("qeld.prom.timeouts")), "bmc-watchdog 1\n");
 
@@ -699,6 +702,341 @@ TEST(QelctlTextfileDeathTest, ARunThatTimesOutLeavesTheFileAndTheNextRunCountsIt
     EXPECT_EQ(find(samples, "ipmi_up", {{"collector", "bmc-watchdog"}})->value, "1");
     EXPECT_EQ(namesIn(dir.path()),
               (std::vector<std::string>{"qeld.prom", "qeld.prom.lock", "qeld.prom.timeouts"}));
+}
+
+}  // namespace
+
+namespace {
+
+// The sensors, the power reading and the chassis in `qelctl metrics`, under
+// ipmi_exporter's families and labels; qeld's SDR cache is kept out of it.
+class QelctlSensorMetrics : public testing::Test {
+protected:
+    qelSim::ScopedSimulator sim;
+
+    void SetUp() override {
+        ::setenv("CACHE_DIRECTORY", "/nonexistent/qelctl-test", 1);
+        describe("sensor 0x01 temperature \"CPU1 Temp\" unit=celsius lnc=5 unc=85 uc=90 unr=95 reading=45");
+        describe("sensor 0x10 fan FAN1 unit=rpm m=60 lc=10 lnc=15 reading=150");
+        describe("sensor 0x20 voltage 12V unit=volts m=63 k2=-3 lc=171 uc=209 reading=190");
+        describe("sensor 0x30 current \"PSU1 Current\" unit=amps m=1 k2=-1 uc=200 reading=52");
+        describe("sensor 0x31 current \"Total Power\" unit=watts m=4 uc=225 reading=80");
+        describe("sensor 0x32 other Airflow event=threshold unit=cfm reading=40");
+        describe("sensor 0x40 power-supply \"PSU1 Status\" reading=0x01");
+        describe("sensor 0x70 processor CPU record=compact share=2 modifier=numeric offset=1 reading=0x80");
+        describe("sensor 0x80 os-boot \"OS Boot\" record=event-only");
+    }
+    void TearDown() override { ::unsetenv("CACHE_DIRECTORY"); }
+
+    void describe(const std::string& line) { sim->applyDescriptionLine(line); }
+
+    std::vector<Sample> metrics(const std::vector<std::string>& args = {}) {
+        const CommandRun run = runMetrics(args);
+        EXPECT_EQ(run.status, qelctl::exitOk) << run.err;
+        return parseExposition(run.out);
+    }
+
+    static std::string value(const std::vector<Sample>& samples, const std::string& name,
+                             const std::map<std::string, std::string>& labels = {}) {
+        const Sample* s = find(samples, name, labels);
+        return s == nullptr ? "(none)" : s->value;
+    }
+};
+
+TEST_F(QelctlSensorMetrics, EachSensorIsInTheFamilyOfItsUnitsWithIdAndNameLabels) {
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, true});
+    const auto samples = metrics();
+    // Values worked out from the records: y = (M x + B 10^K1) 10^K2.
+    EXPECT_EQ(value(samples, "ipmi_temperature_celsius", {{"id", "1"}, {"name", "CPU1 Temp"}}), "45");
+    EXPECT_EQ(value(samples, "ipmi_temperature_state", {{"name", "CPU1 Temp"}}), "0");
+    EXPECT_EQ(value(samples, "ipmi_fan_speed_rpm", {{"name", "FAN1"}}), "9000");
+    EXPECT_EQ(value(samples, "ipmi_fan_speed_state", {{"name", "FAN1"}}), "0");
+    EXPECT_EQ(value(samples, "ipmi_voltage_volts", {{"name", "12V"}}), "11.97");
+    EXPECT_EQ(value(samples, "ipmi_voltage_state", {{"name", "12V"}}), "0");
+    EXPECT_EQ(value(samples, "ipmi_current_amperes", {{"name", "PSU1 Current"}}), "5.2");
+    EXPECT_EQ(value(samples, "ipmi_current_state", {{"name", "PSU1 Current"}}), "0");
+    EXPECT_EQ(value(samples, "ipmi_power_watts", {{"name", "Total Power"}}), "320");
+    EXPECT_EQ(value(samples, "ipmi_power_state", {{"name", "Total Power"}}), "0");
+    // The rest: the generic family, with the type.
+    EXPECT_EQ(value(samples, "ipmi_sensor_value", {{"name", "Airflow"}, {"type", "Other Units Based Sensor"}}), "40");
+    EXPECT_EQ(value(samples, "ipmi_sensor_value", {{"name", "PSU1 Status"}, {"type", "Power Supply"}}), "NaN")
+        << "a discrete sensor has no value, and is there all the same";
+    EXPECT_EQ(value(samples, "ipmi_sensor_state", {{"name", "PSU1 Status"}}), "0") << "presence detected";
+    EXPECT_EQ(value(samples, "ipmi_sensor_state", {{"name", "CPU1"}, {"type", "Processor"}}), "0");
+    EXPECT_NE(find(samples, "ipmi_sensor_state", {{"name", "CPU2"}}), nullptr) << "a shared record's second sensor";
+    EXPECT_EQ(find(samples, "ipmi_sensor_state", {{"name", "OS Boot"}}), nullptr) << "event-only: no reading";
+    EXPECT_EQ(value(samples, "ipmi_dcmi_power_consumption_watts"), "312");
+    EXPECT_EQ(value(samples, "ipmi_chassis_power_state"), "1");
+    // Typed families carry id and name only; the generic ones the type too.
+    for (const Sample& s : samples) {
+        if (s.name == "ipmi_temperature_celsius" || s.name == "ipmi_voltage_state") {
+            EXPECT_EQ(s.labels.size(), 2u) << s.name;
+        }
+        if (s.name == "ipmi_sensor_value") {
+            EXPECT_EQ(s.labels.size(), 3u) << s.name;
+        }
+    }
+    for (const char* c : {"bmc", "bmc-watchdog", "sel", "ipmi", "dcmi", "chassis"})
+        EXPECT_EQ(value(samples, "ipmi_up", {{"collector", c}}), "1") << c;
+}
+
+// The metric names are ipmi_exporter's, and ours under qel_: nothing else.
+TEST_F(QelctlSensorMetrics, TheFamiliesAreExactlyTheDocumentedOnes) {
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, true});
+    const std::set<std::string> documented = {
+        "ipmi_up", "ipmi_scrape_duration_seconds", "ipmi_bmc_info",
+        "ipmi_temperature_celsius", "ipmi_temperature_state", "ipmi_fan_speed_rpm", "ipmi_fan_speed_ratio",
+        "ipmi_fan_speed_state", "ipmi_voltage_volts", "ipmi_voltage_state", "ipmi_current_amperes",
+        "ipmi_current_state", "ipmi_power_watts", "ipmi_power_state", "ipmi_sensor_value", "ipmi_sensor_state",
+        "ipmi_dcmi_power_consumption_watts", "ipmi_chassis_power_state", "ipmi_sel_logs_count",
+        "ipmi_sel_free_space_bytes", "ipmi_bmc_watchdog_timer_state", "ipmi_bmc_watchdog_timer_use_state",
+        "ipmi_bmc_watchdog_timeout_action_state", "ipmi_bmc_watchdog_pretimeout_interval_seconds",
+        "ipmi_bmc_watchdog_initial_countdown_seconds", "ipmi_bmc_watchdog_current_countdown_seconds"};
+    std::set<std::string> seen;
+    for (const Sample& s : metrics()) {
+        seen.insert(s.name);
+        if (s.name.rfind("qel_", 0) != 0) {
+            EXPECT_TRUE(documented.count(s.name)) << s.name;
+        }
+    }
+    for (const char* needed : {"ipmi_temperature_celsius", "ipmi_fan_speed_rpm", "ipmi_voltage_volts",
+                               "ipmi_current_amperes", "ipmi_power_watts", "ipmi_sensor_value",
+                               "ipmi_dcmi_power_consumption_watts", "ipmi_chassis_power_state", "ipmi_bmc_info"})
+        EXPECT_TRUE(seen.count(needed)) << needed;
+}
+
+// A reading moved across each threshold: the state metric follows it in
+// the same run, as `qelctl sensors` does.
+TEST_F(QelctlSensorMetrics, AReadingMovedAcrossEachThresholdChangesItsStateMetric) {
+    describe("sensor 0x05 temperature T unit=celsius lnr=5 lc=10 lnc=15 unc=80 uc=85 unr=90 reading=40");
+    const struct {
+        unsigned char raw;
+        const char* metric;
+        const char* state;
+    } steps[] = {{40, "0", "nominal"}, {81, "1", "warning"}, {86, "2", "critical"}, {91, "2", "non-recoverable"},
+                 {14, "1", "warning"}, {9, "2", "critical"},  {4, "2", "non-recoverable"}, {40, "0", "nominal"}};
+    for (const auto& step : steps) {
+        ASSERT_TRUE(sim->sdr().setReading(0x05, step.raw));
+        EXPECT_EQ(value(metrics({"--collectors", "ipmi"}), "ipmi_temperature_state", {{"name", "T"}}), step.metric)
+            << int(step.raw);
+        const CommandRun json = runArgs(qelctl::addSensors, {"sensors", "--type", "temperature"}, true);
+        ASSERT_EQ(json.status, qelctl::exitOk) << json.err;
+        const Json doc = Json::parse(json.out);
+        bool found = false;
+        for (const Json& s : doc["sensors"])
+            if (s["name"] == "T") {
+                found = true;
+                EXPECT_EQ(s["state"], step.state) << int(step.raw);
+                EXPECT_EQ(s["reading"], step.raw) << "M 1: the raw reading is the value";
+            }
+        EXPECT_TRUE(found);
+    }
+}
+
+TEST_F(QelctlSensorMetrics, UnavailableAndFailedReadingsAreNaNAndTheCollectorStaysUp) {
+    sim->injectFault(qelSim::Fault::completionCode(0xCB).forCommand(0x04, 0x2D));  // the first reading refused
+    const auto samples = metrics({"--collectors", "ipmi"});
+    EXPECT_EQ(value(samples, "ipmi_temperature_celsius", {{"name", "CPU1 Temp"}}), "NaN");
+    EXPECT_EQ(value(samples, "ipmi_temperature_state", {{"name", "CPU1 Temp"}}), "NaN");
+    EXPECT_EQ(value(samples, "ipmi_fan_speed_rpm", {{"name", "FAN1"}}), "9000") << "the others are read";
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "ipmi"}}), "1");
+}
+
+TEST_F(QelctlSensorMetrics, PowerConsumptionOnlyWhileMeasurementIsActive) {
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, false});
+    auto samples = metrics({"--collectors", "dcmi"});
+    EXPECT_EQ(find(samples, "ipmi_dcmi_power_consumption_watts"), nullptr);
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "dcmi"}}), "1");
+
+    sim->dcmi().removePower();  // no DCMI power management: refused, nothing to show, not a failure
+    samples = metrics({"--collectors", "dcmi"});
+    EXPECT_EQ(find(samples, "ipmi_dcmi_power_consumption_watts"), nullptr);
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "dcmi"}}), "1");
+}
+
+TEST_F(QelctlSensorMetrics, AFailingCollectorIsDownWithOneLineAndTheOthersStayUp) {
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, true});
+    sim->injectFault(qelSim::Fault::completionCode(0xFF).forCommand(0x2C, 0x02));
+    const CommandRun run = runMetrics({"--collectors", "dcmi,chassis"});
+    EXPECT_EQ(run.status, qelctl::exitFailed);
+    EXPECT_EQ(run.err, "qelctl: metrics: DCMI Get Power Reading: the controller answered completion code 0xFF\n");
+    const auto samples = parseExposition(run.out);
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "dcmi"}}), "0");
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "chassis"}}), "1");
+}
+
+TEST_F(QelctlSensorMetrics, ChassisPowerStateFollowsTheController) {
+    sim->chassis().setPowerOn(false);
+    EXPECT_EQ(value(metrics({"--collectors", "chassis"}), "ipmi_chassis_power_state"), "0");
+    sim->chassis().setPowerOn(true);
+    EXPECT_EQ(value(metrics({"--collectors", "chassis"}), "ipmi_chassis_power_state"), "1");
+}
+
+// With --collectors only the chosen collectors ask the controller. With
+// the records in the cache, the sensors cost one Get Sensor Reading each,
+// plus the repository's info and a Get Device ID (which controller the cache
+// belongs to; the bmc collector's answer serves when it runs); the power
+// reading and the chassis one request each.
+TEST_F(QelctlSensorMetrics, CollectorsChooseWhatIsAskedAndSensorsCostOneRequestEach) {
+    TempDir cache;
+    ::setenv("CACHE_DIRECTORY", cache.path().c_str(), 1);
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, true});
+    (void)metrics({"--collectors", "ipmi"});  // fills the cache
+    sim->clearRequests();
+    const auto samples = metrics({"--collectors", "ipmi,dcmi,chassis"});
+    std::size_t sensors = 0;
+    for (const Sample& s : samples)
+        if (s.name.size() > 6 && s.name.compare(s.name.size() - 6, 6, "_state") == 0 &&
+            s.name != "ipmi_chassis_power_state")
+            ++sensors;
+    EXPECT_EQ(sensors, 9u);
+    EXPECT_EQ(sim->requests(0x04, 0x2D).size(), sensors) << "one Get Sensor Reading a sensor";
+    // None when this process already holds the controller's answer.
+    const std::size_t deviceId = sim->requests(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId).size();
+    EXPECT_LE(deviceId, 1u);
+    EXPECT_EQ(sim->requestCount(), sensors + 3 + deviceId);
+    EXPECT_EQ(sim->requests(qelIpmi::netfn::app, qelIpmi::cmd::getWatchdogTimer).size(), 0u);
+    EXPECT_EQ(find(samples, "ipmi_up", {{"collector", "bmc"}}), nullptr);
+    EXPECT_EQ(find(samples, "ipmi_bmc_info"), nullptr);
+
+    sim->clearRequests();
+    (void)metrics({"--collectors", "bmc,ipmi"});
+    EXPECT_LE(sim->requests(qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId).size(), 1u)
+        << "the bmc collector's answer tells the cache which controller this is";
+}
+
+TEST(QelctlMetricsOptions, AnUnknownCollectorIsAUsageError) {
+    CLI::App app{"qelctl"};
+    qelctl::Action action;
+    qelctl::addMetrics(app, action);
+    const char* argv[] = {"qelctl", "metrics", "--collectors", "ipmi,sensors"};
+    EXPECT_THROW(app.parse(4, argv), CLI::ValidationError);
+}
+
+// Names from the controller are data: quotes, backslashes, newlines, control
+// bytes and bytes that are not UTF-8 in an SDR name leave every line whole,
+// and the label reads back as the name with its invalid bytes replaced.
+TEST_F(QelctlSensorMetrics, HostileSensorNamesAreEscapedAndTheWholeTextStillParses) {
+    describe(R"(sensor 0x06 temperature "a\x22b\x5cc\x0ad\x1b\xff" unit=celsius reading=30)");
+    const CommandRun run = runMetrics({"--collectors", "ipmi"});
+    ASSERT_EQ(run.status, qelctl::exitOk) << run.err;
+    const auto samples = parseExposition(run.out);
+    const Sample* hostile = find(samples, "ipmi_temperature_celsius", {{"id", "10"}});
+    bool found = false;
+    for (const Sample& s : samples)
+        if (s.name == "ipmi_temperature_celsius" && s.value == "30") {
+            found = true;
+            EXPECT_EQ(s.labels.at("name"), "a\"b\\c\nd\xEF\xBF\xBD\xEF\xBF\xBD");
+        }
+    EXPECT_TRUE(found) << run.out;
+    (void)hostile;
+    std::istringstream lines(run.out);
+    std::size_t count = 0, comments = 0;
+    for (std::string line; std::getline(lines, line); ++count) comments += line.rfind('#', 0) == 0;
+    EXPECT_EQ(count, samples.size() + comments) << "the name opened no line of its own";
+}
+
+// On a controller without a configuration space (another make's), the
+// agent's variables are simply absent: not an error.
+TEST_F(QelctlSensorMetrics, AControllerWithoutAConfigurationSpaceIsNoError) {
+    sim->injectFault(qelSim::Fault::completionCode(0xC1).forCommand(qelIpmi::netfn::oemGroup, qelIpmi::cmd::configSpace));
+    const CommandRun run = runMetrics({"--collectors", "bmc-watchdog"});
+    EXPECT_EQ(run.status, qelctl::exitOk) << run.err;
+    EXPECT_EQ(run.err, "");
+    const auto samples = parseExposition(run.out);
+    EXPECT_EQ(find(samples, "qel_agent_connection_state"), nullptr);
+    EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "bmc-watchdog"}}), "1");
+    EXPECT_EQ(sim->requests(qelIpmi::netfn::oemGroup, qelIpmi::cmd::configSpace).size(), 1u)
+        << "the first refusal says there is no configuration space";
+}
+
+}  // namespace
+
+namespace {
+
+// A controller that stopped answering: the run that times out leaves the
+// file as it was, but the next run marks that collector down in it before
+// it reads anything, so a file that stays stale never goes on saying the
+// collector is up; a run that completes writes the truth again.
+TEST(QelctlTextfileDeathTest, AfterARunThatTimedOutTheFileShowsTheCollectorDown) {
+    GTEST_FLAG_SET(death_test_style, "fast");
+    TempDir dir;
+    {
+        qelSim::ScopedSimulator sim;
+        ASSERT_EQ(runMetrics({"--textfile", dir.path(), "--collectors", "bmc,bmc-watchdog"}).status, qelctl::exitOk);
+    }
+    const std::string before = contentsOf(dir.file("qeld.prom"));
+    ASSERT_NE(before.find("ipmi_up{collector=\"bmc-watchdog\"} 1\n"), std::string::npos) << before;
+    const auto stuckRun = [&dir] {
+        qelSim::ScopedSimulator sim;
+        sim->setRealTimeouts(true);
+        sim->injectFault(qelSim::Fault::noReply().forCommand(qelIpmi::netfn::app, qelIpmi::cmd::getWatchdogTimer));
+        (void)runMetrics({"--textfile", dir.path(), "--timeout", "0.3", "--collectors", "bmc,bmc-watchdog"});
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(stuckRun(), ::testing::ExitedWithCode(qelctl::exitFailed), "reading collector bmc-watchdog");
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom")), before) << "the run that timed out leaves the file untouched";
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom.stale")), "bmc-watchdog\n");
+
+    EXPECT_EXIT(stuckRun(), ::testing::ExitedWithCode(qelctl::exitFailed), "reading collector bmc-watchdog");
+    std::string down = before;
+    const std::string up = "ipmi_up{collector=\"bmc-watchdog\"} 1\n";
+    down.replace(down.find(up), up.size(), "ipmi_up{collector=\"bmc-watchdog\"} 0\n");
+    EXPECT_EQ(contentsOf(dir.file("qeld.prom")), down) << "the next run marked it down, the rest as it was";
+
+    qelSim::ScopedSimulator sim;
+    ASSERT_EQ(runMetrics({"--textfile", dir.path(), "--collectors", "bmc,bmc-watchdog"}).status, qelctl::exitOk);
+    const auto samples = parseExposition(contentsOf(dir.file("qeld.prom")));
+    EXPECT_EQ(find(samples, "ipmi_up", {{"collector", "bmc-watchdog"}})->value, "1");
+    EXPECT_EQ(find(samples, "qel_metrics_timeouts_total", {{"collector", "bmc-watchdog"}})->value, "2");
+    EXPECT_EQ(namesIn(dir.path()),
+              (std::vector<std::string>{"qeld.prom", "qeld.prom.lock", "qeld.prom.timeouts"}));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(QelctlPower, JsonGivesTheDcmiReadingAndTheChassis) {
+    qelSim::ScopedSimulator sim;
+    sim->dcmi().setPower({312, 120, 480, 300, 60000, true});
+    sim->chassis().setPowerOn(true);
+    const CommandRun run = runArgs(qelctl::addPower, {"power"}, true);
+    ASSERT_EQ(run.status, qelctl::exitOk) << run.err;
+    const Json doc = Json::parse(run.out);
+    EXPECT_EQ(doc["dcmi"]["current_watts"], 312);
+    EXPECT_EQ(doc["dcmi"]["minimum_watts"], 120);
+    EXPECT_EQ(doc["dcmi"]["maximum_watts"], 480);
+    EXPECT_EQ(doc["dcmi"]["average_watts"], 300);
+    EXPECT_EQ(doc["dcmi"]["period_ms"], 60000);
+    EXPECT_EQ(doc["dcmi"]["measurement_active"], true);
+    EXPECT_EQ(doc["chassis"]["power_on"], true);
+    EXPECT_EQ(doc["chassis"]["drive_fault"], false);
+}
+
+TEST(QelctlPower, AControllerWithoutDcmiSaysSoInOneLineAndExitsZero) {
+    qelSim::ScopedSimulator sim;
+    sim->dcmi().removePower();
+    sim->chassis().setPowerOn(false);
+    const CommandRun run = runArgs(qelctl::addPower, {"power"}, false);
+    ASSERT_EQ(run.status, qelctl::exitOk) << run.err;
+    EXPECT_NE(run.out.find("chassis power:"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("off"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("0xC1"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("(no DCMI power management)"), std::string::npos) << run.out;
+    const CommandRun json = runArgs(qelctl::addPower, {"power"}, true);
+    EXPECT_TRUE(Json::parse(json.out)["dcmi"].is_null());
+}
+
+TEST(QelctlPower, AChassisStatusThatFailsIsAnErrorNamingIt) {
+    qelSim::ScopedSimulator sim;
+    sim->injectFault(qelSim::Fault::completionCode(0xFF).forCommand(0x00, 0x01));
+    try {
+        (void)runArgs(qelctl::addPower, {"power"}, false);
+        ADD_FAILURE() << "no failure";
+    } catch (const qelctl::Failure& e) {
+        EXPECT_EQ(std::string(e.what()), "power: Get Chassis Status: the controller answered completion code 0xFF");
+    }
 }
 
 }  // namespace

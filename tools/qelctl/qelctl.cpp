@@ -4,8 +4,8 @@
 //   qelctl [--simulate | --bmc-socket PATH] [--json] COMMAND ...
 //
 // Commands: status, identity, device-id, watchdog get|set|reset|stop,
-// config list|get|set, lan, pni, board, inventory, host, metrics. `qelctl --help` and
-// `qelctl COMMAND --help` say more; packaging/qelctl.8 at length.
+// config list|get|set, lan, pni, board, inventory, host, sel, sensors, power,
+// metrics. `qelctl --help` and `qelctl COMMAND --help` say more; packaging/qelctl.8 at length.
 //
 // Exit status: 0 done, 1 the controller refused or failed (the completion
 // code named), 2 bad usage, 3 no controller.
@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
     addBoard(app, action);
     addSel(app, action);
     addSensors(app, action);
+    addPower(app, action);
     addInventory(app, action);
     addHost(app, action);
     addMetrics(app, action);

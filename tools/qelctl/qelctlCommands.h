@@ -7,6 +7,10 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <string>
+#include <vector>
+
+#include "qelSdrRecord.h"
 
 #include "qelctlCommon.h"
 
@@ -27,15 +31,29 @@ void addPni(CLI::App& app, Action& action);
 void addBoard(CLI::App& app, Action& action);
 void addSel(CLI::App& app, Action& action);
 void addSensors(CLI::App& app, Action& action);
+void addPower(CLI::App& app, Action& action);
 
 // The documents of the read-only commands, for `status` and `metrics`.
 Json identityDocument();
+// Get Device ID alone, decoded (identityDocument asks more); `answer`, when
+// given, gets the response data behind the completion code.
+Json deviceIdDocument(Bytes* answer = nullptr);
 Json watchdogDocument();
 Json configDocument();
+// The named variables (names as `config get` takes them), name to value;
+// empty when the controller has no configuration space at all (it refuses
+// the first read as an invalid command: the others are not asked).
+Json configValues(const std::vector<std::string>& names);
 Json inventoryDocument();
 Json hostDocument();
 Json lanDocument();
 Json boardDocument();
+// The SDR repository's records, through qeld's cache ($CACHE_DIRECTORY/sdr)
+// where this user may keep it current. Throws Failure naming `command`.
+// `deviceId`: a Get Device ID answer (behind the completion code) this run
+// already has, which tells the cache which controller this is without
+// asking again.
+std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId = Bytes());
 // `recordBytes`, when given, gets the record's header and data.
 Json pniDocument(Bytes* recordBytes);
 

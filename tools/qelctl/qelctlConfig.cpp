@@ -70,12 +70,18 @@ const char* behaviourText(unsigned value) {
 }
 
 // The value as JSON (null when the controller does not have the variable).
-Json read(const Variable& v) {
+// `noSpace`, when given, is set (and null returned) when the controller has
+// no configuration space at all: it refuses the read as an invalid command.
+Json read(const Variable& v, bool* noSpace = nullptr) {
     Bytes r;
     const unsigned char code = exchangeCode("config get " + std::string(v.name) + ": configuration space read",
                                             qelIpmi::netfn::oemGroup, qelIpmi::cmd::configSpace,
                                             request(layout::opRead, v.id), r);
     if (code == qelIpmi::cc::parameterNotSupported) return nullptr;
+    if (noSpace != nullptr && code == 0xC1) {
+        *noSpace = true;
+        return nullptr;
+    }
     if (code != 0)
         throw Failure("config get " + std::string(v.name) + ": configuration space read: " + completionCodeText(code));
     // Response behind the completion code: IANA (3), length, value.
@@ -142,6 +148,17 @@ Bytes encode(const Variable& v, const std::string& text) {
 void printOne(const Variable& v, const Json& value) { Output::line(std::string(v.name) + " (" + idText(v.id) + ")", shown(value), 40); }
 
 }  // namespace
+
+Json configValues(const std::vector<std::string>& names) {
+    Json values = Json::object();
+    for (const std::string& name : names) {
+        bool noSpace = false;
+        const Json value = read(find(name), &noSpace);
+        if (noSpace) return Json::object();
+        values[name] = value;
+    }
+    return values;
+}
 
 Json configDocument() {
     Json doc;

@@ -76,6 +76,12 @@ Json guid(unsigned char cmd) {
 
 }  // namespace
 
+Json deviceIdDocument(Bytes* answer) {
+    const Bytes r = exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId);
+    if (answer != nullptr) *answer = r;
+    return decode(r);
+}
+
 Json identityDocument() {
     Json doc = decode(exchange("identity: Get Device ID", qelIpmi::netfn::app, qelIpmi::cmd::getDeviceId));
     doc["device_guid"] = guid(0x08);   // Get Device GUID

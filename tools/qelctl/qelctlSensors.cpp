@@ -86,27 +86,11 @@ std::string readingText(const Json& s) {
     return s["units"].is_null() ? "-" : "no reading";
 }
 
-// The SDR repository through qeld's cache where this user may keep it
-// current, as `sel list` reads it.
-std::vector<qelSdr::SdrRecord> repositoryRecords() {
-    const char* env = std::getenv("CACHE_DIRECTORY");
-    const std::string cache = std::string(env != nullptr && env[0] == '/' ? env : "/var/cache/qeld") + "/sdr";
-    struct stat info;
-    const bool cached = ::stat(cache.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && ::access(cache.c_str(), W_OK) == 0;
-    qelSdr::QelSdrRepository repository(cached ? cache : std::string());
-    try {
-        repository.load();
-    } catch (const qelSdr::QelSdrError& e) {
-        throw Failure("sensors: the SDR repository: " + e.errorText);
-    }
-    return repository.records();
-}
-
 Json sensorsDocument(const SensorOptions& options) {
     static const char* const states[] = {"nominal", "warning", "critical", "non-recoverable"};
     if (!options.state.empty() && std::find(std::begin(states), std::end(states), options.state) == std::end(states))
         throw Failure("sensors: --state takes nominal, warning, critical or non-recoverable");
-    const std::vector<qelSdr::SdrRecord> records = repositoryRecords();
+    const std::vector<qelSdr::SdrRecord> records = sdrRecords("sensors");
     qelSensors::QelSensorReader reader;
     std::vector<qelSensors::SensorSample> samples;
     try {
@@ -124,6 +108,29 @@ Json sensorsDocument(const SensorOptions& options) {
 }
 
 }  // namespace
+
+std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId) {
+    const char* env = std::getenv("CACHE_DIRECTORY");
+    const bool given = env != nullptr && env[0] == '/';
+    const std::string cache = std::string(given ? env : "/var/cache/qeld") + "/sdr";
+    // A directory systemd made for this run (the metrics unit's
+    // CacheDirectory=): the cache goes there even before qeld made it.
+    if (given) (void)::mkdir(cache.c_str(), 0755);
+    struct stat info;
+    const bool cached = ::stat(cache.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && ::access(cache.c_str(), W_OK) == 0;
+    qelSdr::QelSdrRepository repository(cached ? cache : std::string());
+    if (cached && !deviceId.empty()) {
+        Bytes answer{0x00};
+        answer.insert(answer.end(), deviceId.begin(), deviceId.end());
+        repository.setControllerIdentity(qelSdr::QelSdrRepository::identityFromDeviceId(answer));
+    }
+    try {
+        repository.load();
+    } catch (const qelSdr::QelSdrError& e) {
+        throw Failure(command + ": the SDR repository: " + e.errorText);
+    }
+    return repository.records();
+}
 
 void addSensors(CLI::App& app, Action& action) {
     auto options = std::make_shared<SensorOptions>();

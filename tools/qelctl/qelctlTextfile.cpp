@@ -158,6 +158,38 @@ void recordTimeout(const std::string& dir, const std::string& collector) {
     writeAtomically(dir, std::string(fileName) + ".timeouts", text);
 }
 
+void recordStale(const std::string& dir, const std::string& collector) {
+    writeAtomically(dir, std::string(fileName) + ".stale", collector + '\n');
+}
+
+std::string readStale(const std::string& dir) {
+    std::ifstream in(pathOf(dir, std::string(fileName) + ".stale"));
+    std::string collector;
+    in >> collector;
+    return collector;
+}
+
+void clearStale(const std::string& dir) {
+    const std::string path = pathOf(dir, std::string(fileName) + ".stale");
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) throw Failure("metrics: " + errorText(path, errno));
+}
+
+void markCollectorDown(const std::string& dir, const std::string& collector) {
+    std::ifstream in(pathOf(dir, fileName));
+    if (!in) return;
+    const std::string up = "ipmi_up{collector=\"" + escapeLabelValue(collector) + "\"} ";
+    std::string text, line;
+    bool changed = false;
+    while (std::getline(in, line)) {
+        if (line.rfind(up, 0) == 0 && line != up + "0") {
+            line = up + "0";
+            changed = true;
+        }
+        text += line + '\n';
+    }
+    if (changed) writeAtomically(dir, fileName, text);
+}
+
 Deadline::Deadline(double seconds, std::function<void()> expired) : expired_(std::move(expired)) {
     const auto until = std::chrono::steady_clock::now() +
                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(

@@ -6,6 +6,8 @@
 // In DIR, beside qeld.prom (the collector reads only *.prom):
 //   qeld.prom.lock      flock'ed by the run that writes qeld.prom
 //   qeld.prom.timeouts  how many runs each collector's time-out ended
+//   qeld.prom.stale     the collector a run was in when its time-out ended,
+//                       until a run writes qeld.prom again
 #ifndef QELCTL_TEXTFILE_H
 #define QELCTL_TEXTFILE_H
 
@@ -52,6 +54,15 @@ void writeAtomically(const std::string& dir, const std::string& name, const std:
 [[nodiscard]] std::map<std::string, double> readTimeouts(const std::string& dir);
 // Adds one time-out of `collector` to the file (written atomically).
 void recordTimeout(const std::string& dir, const std::string& collector);
+
+// The stale mark: set by a run that its time-out ends, read and cleared by
+// the next runs. readStale gives "" when there is none.
+void recordStale(const std::string& dir, const std::string& collector);
+[[nodiscard]] std::string readStale(const std::string& dir);
+void clearStale(const std::string& dir);
+// Rewrites DIR/qeld.prom (atomically) with `collector`'s ipmi_up sample at
+// 0, the rest as it was; nothing when there is no such file or sample.
+void markCollectorDown(const std::string& dir, const std::string& collector);
 
 // Ends the process when the collection takes longer than `seconds`. The
 // collection runs in this thread and may be blocked inside a controller

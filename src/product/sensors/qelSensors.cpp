@@ -43,6 +43,7 @@ uint32_t le32(const uint8_t* p) {
 struct Answer {
     Bytes bytes;          // completion code first; empty when problem is set
     std::string problem;  // one line
+    int completionCode = -1;  // the controller's, when it answered one
     explicit operator bool() const { return problem.empty(); }
 };
 
@@ -84,6 +85,7 @@ public:
             a.problem = std::string(name) + (answered ? ": an empty answer" : ": no answer from the controller");
             return a;
         }
+        a.completionCode = msg.responseData[0];
         if (msg.responseData[0] != ccOk) {
             a.problem = std::string(name) + ": the controller answered completion code " + hex2(msg.responseData[0]);
             return a;
@@ -182,7 +184,20 @@ std::string stateText(uint8_t eventReadingType, uint8_t sensorType, unsigned int
 }
 
 // One sensor of a record: the reading, then what it needs besides.
-void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& record, SensorSample& sample) {
+void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& record, SensorSample& sample,
+                bool withThresholds) {
+    // The units and the metric family come from the record: a sensor whose
+    // reading fails still has them (its value is then none).
+    ConversionFactors factors = compactFactors(s);
+    if (sample.thresholdBased) {
+        if (s.recordType == sdr::recordType::fullSensor) {
+            const Parsed<ConversionFactors> f = factorsFromFullRecord(record.bytes.data(), record.bytes.size());
+            if (!f) return addProblem(sample, "the record's conversion: " + f.error);
+            factors = *f.value;
+        }
+        sample.units = unitsText(factors);
+        sample.metric = prometheusMetric(s.sensorType, factors);
+    }
     const Answer a =
         link.send(s.ownerId, s.ownerLun, netfn::sensorEvent, cmd::getSensorReading, {s.sensorNumber}, "Get Sensor Reading");
     if (!a) return addProblem(sample, a.problem);
@@ -204,13 +219,6 @@ void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& re
         return;
     }
 
-    ConversionFactors factors = compactFactors(s);
-    if (s.recordType == sdr::recordType::fullSensor) {
-        const Parsed<ConversionFactors> f = factorsFromFullRecord(record.bytes.data(), record.bytes.size());
-        if (!f) return addProblem(sample, "the record's conversion: " + f.error);
-        factors = *f.value;
-    }
-    sample.units = unitsText(factors);
     FactorCache nonLinear(link, s, factors);
 
     if (r.hasValue()) {
@@ -228,7 +236,7 @@ void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& re
     // The thresholds: a full record holds them (one request for the sensor);
     // a compact one only says which the controller can read.
     const uint8_t readable = s.readableThresholds();
-    if (readable == 0) return;
+    if (readable == 0 || !withThresholds) return;
     SensorThresholds t;
     if (s.recordType == sdr::recordType::fullSensor) {
         t.readableMask = readable;
@@ -316,7 +324,7 @@ std::vector<SensorSample> QelSensorReader::readAll(const std::vector<sdr::SdrRec
             sample.thresholdBased = s.isThresholdBased();
             sdr::SensorRecord one = s;
             one.sensorNumber = n.sensorNumber;
-            readSensor(link, one, record, sample);
+            readSensor(link, one, record, sample, thresholds_);
             samples.push_back(std::move(sample));
         }
     }
@@ -327,6 +335,7 @@ std::optional<ChassisStatus> QelSensorReader::readChassisStatus() {
     lastProblem_.clear();
     Link link(requests_);
     const Answer a = link.send(bmcAddress, 0, chassis::netfn, chassis::getChassisStatus, {}, "Get Chassis Status");
+    lastCompletionCode_ = a.completionCode;
     if (!a) {
         lastProblem_ = a.problem;
         return std::nullopt;
@@ -357,6 +366,7 @@ std::optional<DcmiPower> QelSensorReader::readDcmiPower() {
     Link link(requests_);
     const Answer a = link.send(bmcAddress, 0, dcmi::netfn, dcmi::getPowerReading,
                                {dcmi::groupExtension, dcmi::modeSystemPower, 0x00, 0x00}, "DCMI Get Power Reading");
+    lastCompletionCode_ = a.completionCode;
     if (!a) {
         lastProblem_ = a.problem;
         return std::nullopt;

@@ -120,6 +120,9 @@ struct QEL_EXPORT SensorSample {
     bool unavailable = false;         // the controller says the reading is unavailable
     bool scanningDisabled = false;
     std::string problem;              // why a request failed; empty when none did
+    // Where its value goes in the Prometheus text format: by the record's
+    // units for a threshold sensor, ipmi_sensor_value for the others.
+    PrometheusMetric metric{"ipmi_sensor_value", "ipmi_sensor_state", 1.0};
 
     std::optional<double> threshold(Threshold t) const { return thresholds[static_cast<std::size_t>(t)]; }
 };
@@ -169,13 +172,23 @@ public:
     // power management), cannot be reached or the reply is malformed.
     std::optional<DcmiPower> readDcmiPower();
 
+    // Whether readAll gives the thresholds (the default). Without them a
+    // compact record's sensor costs its reading alone: the state comes from
+    // the reading either way.
+    void setReadThresholds(bool read) { thresholds_ = read; }
+
     // Requests sent since the reader was made.
     unsigned int requestsSent() const { return requests_; }
     const std::string& lastProblem() const { return lastProblem_; }
+    // The completion code of the last readChassisStatus() or readDcmiPower()
+    // answer; -1 when there was no answer.
+    int lastCompletionCode() const { return lastCompletionCode_; }
 
 private:
     unsigned int requests_ = 0;
     std::string lastProblem_;
+    int lastCompletionCode_ = -1;
+    bool thresholds_ = true;
 };
 
 }  // namespace qelSensors
