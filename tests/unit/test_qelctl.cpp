@@ -268,13 +268,17 @@ TEST_F(QelctlSensors, JsonGivesEverySensorWithTheDocumentedKeysAndNullsWhereAbse
     EXPECT_EQ(doc["sensors"][2]["reading"], 11.97);
 }
 
-TEST_F(QelctlSensors, TextShowsStateAndReadingAndACriticalSensorStillExitsZero) {
+// A table as admins know it from the tools: ID, name, type, reading with
+// units (or the asserted states), state, and the thresholds there are.
+TEST_F(QelctlSensors, TextIsATableAndACriticalSensorStillExitsZero) {
     ASSERT_TRUE(sim->sdr().setReading(0x01, 91));
     const CommandRun run = runArgs(qelctl::addSensors, {"sensors"}, false);
     EXPECT_EQ(run.status, qelctl::exitOk);
-    EXPECT_NE(run.out.find("CPU1 Temp    critical         91 degrees C\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("PSU1 Status  nominal          Presence detected\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("12V          nominal          11.97 Volts\n"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out,
+              "ID  Name         Type          Reading            State     Thresholds\n"
+              "1   CPU1 Temp    Temperature   91 degrees C       critical  unc 85, uc 90\n"
+              "2   PSU1 Status  Power Supply  Presence detected  nominal   -\n"
+              "3   12V          Voltage       11.97 Volts        nominal   lc 10.773, uc 13.167\n");
 }
 
 TEST_F(QelctlSensors, TypeAndStateChooseTheSensors) {

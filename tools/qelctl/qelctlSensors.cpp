@@ -1,11 +1,14 @@
 // qelctl sensors: every sensor of the controller with its reading, units,
-// state, thresholds and, for discrete sensors, the asserted states as text.
+// state, thresholds and, for discrete sensors, the asserted states as text:
+// a table (ID, name, type, reading, state, thresholds) or, with --json, a
+// document.
 // --type and --state choose sensors. The exit status says whether the
 // sensors could be read, never how they are: a critical sensor is exit 0.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -107,6 +110,42 @@ Json sensorsDocument(const SensorOptions& options) {
     return Json{{"sensors", list}, {"requests", reader.requestsSent()}};
 }
 
+// The thresholds there are, lowest first: "lc 10.773, uc 13.167".
+std::string thresholdsText(const Json& thresholds) {
+    static const std::pair<const char*, const char*> order[] = {
+        {"lower_non_recoverable", "lnr"}, {"lower_critical", "lc"},  {"lower_non_critical", "lnc"},
+        {"upper_non_critical", "unc"},    {"upper_critical", "uc"},  {"upper_non_recoverable", "unr"},
+    };
+    std::string out;
+    for (const auto& t : order)
+        if (!thresholds[t.first].is_null())
+            out += (out.empty() ? "" : ", ") + std::string(t.second) + ' ' + valueText(thresholds[t.first].get<double>());
+    return out.empty() ? "-" : out;
+}
+
+// One row a sensor under a header, columns as wide as their widest cell
+// (names are escaped already); a problem follows its row in parentheses.
+void printTable(const Json& sensors) {
+    std::vector<std::array<std::string, 6>> rows = {{"ID", "Name", "Type", "Reading", "State", "Thresholds"}};
+    std::vector<std::string> problems = {""};
+    for (const Json& s : sensors) {
+        rows.push_back({std::to_string(s["record_id"].get<int>()), s["name"].get<std::string>(),
+                        s["type"].get<std::string>(), readingText(s),
+                        s["state"].is_null() ? "-" : s["state"].get<std::string>(), thresholdsText(s["thresholds"])});
+        problems.push_back(s["problem"].is_null() ? "" : s["problem"].get<std::string>());
+    }
+    std::array<std::size_t, 6> width{};
+    for (const auto& row : rows)
+        for (std::size_t c = 0; c < row.size(); ++c) width[c] = std::max(width[c], row[c].size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        std::string line;
+        for (std::size_t c = 0; c < rows[r].size(); ++c)
+            line += rows[r][c] + (c + 1 < rows[r].size() ? std::string(width[c] + 2 - rows[r][c].size(), ' ') : "");
+        if (!problems[r].empty()) line += "  (" + problems[r] + ")";
+        std::cout << line << '\n';
+    }
+}
+
 }  // namespace
 
 std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId) {
@@ -145,17 +184,7 @@ void addSensors(CLI::App& app, Action& action) {
                 Output::print(doc);
                 return static_cast<int>(exitOk);
             }
-            std::size_t width = 4;
-            for (const Json& s : doc["sensors"]) width = std::max(width, s["name"].get<std::string>().size());
-            for (const Json& s : doc["sensors"]) {
-                const std::string name = s["name"].get<std::string>();
-                const std::string state = s["state"].is_null() ? "-" : s["state"].get<std::string>();
-                // The state before the reading: a discrete sensor's states can be long.
-                std::cout << name << std::string(width + 2 - name.size(), ' ') << state
-                          << std::string(state.size() < 17 ? 17 - state.size() : 1, ' ') << readingText(s);
-                if (!s["problem"].is_null()) std::cout << "  (" << s["problem"].get<std::string>() << ")";
-                std::cout << '\n';
-            }
+            printTable(doc["sensors"]);
             return static_cast<int>(exitOk);
         };
     });
