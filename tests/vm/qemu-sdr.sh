@@ -23,7 +23,7 @@ out=${1:?usage: qemu-sdr.sh OUT}
 # Bytes as hex words, written as binary.
 emit() {
   local b
-  for b in "$@"; do printf "\\x$b"; done
+  for b in "$@"; do printf '%b' "\\x$b"; done
 }
 # The ID string: type/length byte (8-bit ASCII) and the characters.
 id_string() {

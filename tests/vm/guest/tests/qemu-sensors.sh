@@ -1,6 +1,6 @@
 # The controller's sensors on QEMU's own BMC through the kernel's driver:
-# `qelctl --json sensors` against `ipmitool sdr list` and `ipmitool sdr
-# elist`, sensor by sensor. QEMU's BMC holds the SDR repository that
+# `qelctl --json sensors` against `ipmitool sdr list`, `sdr elist` and
+# `-v sdr list`, sensor by sensor. QEMU's BMC holds the SDR repository that
 # qemu-sdr.sh wrote: the watchdog, full threshold records (a temperature, a
 # fan, 12 V, a two's complement margin) each beside a compact record of the
 # same sensor number that makes the sensor exist for QEMU, a discrete power
@@ -9,9 +9,10 @@
 #
 # Every sensor must agree:
 # - both list it, under the same name and sensor number;
-# - a value ipmitool prints ("45 degrees C", "12.03 Volts"): ours rounded to
-#   ipmitool's decimals is the same, in the same units, the state its
-#   ok/nc/cr/nr;
+# - both list as many sensors, the number the repository holds;
+# - a value ipmitool prints ("45 degrees C", "12.03 Volts"; three decimals in
+#   the verbose view): ours rounded to ipmitool's decimals is the same, in
+#   the same units, the state its ok/nc/cr/nr;
 # - a hex byte ipmitool prints for a sensor it does not convert (ipmitool
 #   1.8.19 prints the first state byte there, not the reading): a discrete
 #   sensor (ours: no reading, no units, states asserted as that byte says,
@@ -21,6 +22,9 @@
 # - no reading from ipmitool ("no reading", "disabled", "Not Readable", state
 #   "ns"): none from us either, with scanning disabled where ipmitool says
 #   "disabled", and no state.
+# The full records' values are also checked against what the raw bytes and
+# the records make of them, thresholds included (ipmitool shows thresholds
+# only from Get Sensor Thresholds, which QEMU's BMC does not implement).
 . /qel/lib.sh
 
 if ! command -v qelctl >/dev/null; then
@@ -34,6 +38,16 @@ while [ $# -ge 2 ]; do
   check "sensor $1: raw reading $2" ipmitool raw 0x04 0x30 "$(printf '0x%02x' "$1")" 0x01 "$2"
   shift 2
 done
+
+echo "== what QEMU's BMC answers beside the readings"
+# The completion code of a raw request, "00" when it succeeded.
+ccode() {
+  out=$(ipmitool raw "$@" 2>&1) && { echo 00; return; }
+  echo "$out" | sed -n 's/.*rsp=0x\([0-9a-f]*\).*/\1/p' | head -1
+}
+check_eq "Get Sensor Reading of sensor 10 (a full record alone): 0xCB" cb "$(ccode 0x04 0x2d 0x0a)"
+check_eq "Get Sensor Reading of sensor 25 (past QEMU's 20): 0xCB" cb "$(ccode 0x04 0x2d 0x19)"
+check_eq "Get Sensor Thresholds: not implemented (0xC1)" c1 "$(ccode 0x04 0x27 0x01)"
 
 echo "== the three views"
 ipmitool sdr list >/tmp/list.out 2>/tmp/list.err; list_rc=$?
