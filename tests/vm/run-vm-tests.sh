@@ -126,15 +126,17 @@ boot() {
   local kargs
   eval "kargs=\${${prefix}_KERNEL_ARGS:-}"
   local bmcdev=(-device ipmi-bmc-sim,id=bmc0) sdr
-  # A boot may give QEMU's BMC an SDR repository of its own (qemu-sdr.sh).
+  # A boot may give QEMU's BMC an SDR repository of its own: PREFIX_SDR
+  # names the script that writes it (qemu-sdr.sh). QEMU's option syntax
+  # takes a comma in the path doubled.
   eval "sdr=\${${prefix}_SDR:-}"
   if [ -n "$sdr" ]; then
-    if ! bash "$here/qemu-sdr.sh" "$dir/sdr.bin" 2>"$dir/sdr.err"; then
-      echo "[$name] FAIL: the SDR file could not be written: $(cat "$dir/sdr.err")"
+    if ! bash "$here/$sdr" "$dir/sdr.bin" 2>"$dir/sdr.err"; then
+      echo "[$name] FAIL: $sdr could not write the SDR file: $(cat "$dir/sdr.err")"
       failed+=("$name")
       return
     fi
-    bmcdev=(-device "ipmi-bmc-sim,id=bmc0,sdrfile=$dir/sdr.bin")
+    bmcdev=(-device "ipmi-bmc-sim,id=bmc0,sdrfile=${dir//,/,,}/sdr.bin")
   fi
   if [ "$bmc" = bmcsim ]; then
     start_bmcsim "$dir" || { failed+=("$name"); return; }

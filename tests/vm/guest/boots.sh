@@ -98,9 +98,10 @@ BMCSIM_IPV4_HEX="c0 00 02 0a"
 BMCSIM_IPV6="2001:db8::10"
 BMCSIM_SOFT_WATCHDOG=300
 
-# qemu-sensors: QEMU's BMC with the SDR repository of qemu-sdr.sh. The raw
-# bytes the guest writes into QEMU's sensors (Set Sensor Reading) before
-# reading them, "NUMBER BYTE" pairs, and what the full records make of them.
+# qemu-sensors: QEMU's BMC with the SDR repository that the host script
+# QEMU_SENSORS_SDR (in tests/vm) writes. The raw bytes the guest writes into
+# QEMU's sensors (Set Sensor Reading) before reading them, "NUMBER BYTE"
+# pairs, and what the full records make of them.
 QEMU_SENSORS_SDR=qemu-sdr.sh
 QEMU_SENSORS_RAW="1 0x2d 2 0x3c 3 0xbf 4 0x5a 6 0xf6"
 # NAME=READING;... for the full records' sensors with a reading.
