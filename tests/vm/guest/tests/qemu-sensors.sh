@@ -97,12 +97,20 @@ verbose_of() {
   awk -v n="$1" '/^Sensor ID *: / { s = $0; sub(/^Sensor ID *: /, "", s); sub(/ \(0x[0-9a-f]*\)$/, "", s); on = (s == n) }
                  on' /tmp/verbose.out
 }
-# Field N of a "|"-separated line, trimmed.
-field() { echo "$1" | awk -F'|' -v n="$2" '{ v = $n; sub(/^ +/, "", v); sub(/ +$/, "", v); print v }'; }
-
 check_eq "qelctl's sensors (one a record)" "$QEMU_SENSORS_COUNT" "$(grep -c . /tmp/ours.txt)"
 check_eq "ipmitool sdr list's sensors" "$QEMU_SENSORS_COUNT" "$(grep -c '|' /tmp/list.out)"
 check_eq "ipmitool sdr elist's sensors" "$QEMU_SENSORS_COUNT" "$(grep -c '|' /tmp/elist.out)"
+
+# Each of our lines with ipmitool's for the same name appended (one awk for
+# all, the guest being slow at starting processes): how many sdr list lines
+# name it, its value and status there, how many elist lines name it, and
+# elist's sensor number and reading or states.
+awk -F'|' '
+  function trim(v) { sub(/^ +/, "", v); sub(/ +$/, "", v); return v }
+  FILENAME == "/tmp/list.out" { n = trim($1); lc[n]++; lv[n] = trim($2); ls[n] = trim($3); next }
+  FILENAME == "/tmp/elist.out" { n = trim($1); ec[n]++; en[n] = trim($2); et[n] = trim($5); next }
+  { n = $1; print $0 "|" (lc[n] + 0) "|" lv[n] "|" ls[n] "|" (ec[n] + 0) "|" en[n] "|" et[n] }
+' /tmp/list.out /tmp/elist.out /tmp/ours.txt >/tmp/joined.txt
 
 echo "== each sensor: qelctl against ipmitool"
 status_of() {
@@ -110,24 +118,13 @@ status_of() {
     null) echo ns ;; *) echo "?$1" ;; esac
 }
 values=0 bytes=0 absent=0
-while IFS= read -r line; do
-  name=$(field "$line" 1)
-  number=$(field "$line" 2)
-  reading=$(field "$line" 3)
-  units=$(field "$line" 4)
-  state=$(field "$line" 5)
-  scanoff=$(field "$line" 7)
-  problem=$(field "$line" 8)
-  states=$(field "$line" 9)
-  row=$(awk -F'|' -v n="$name" '{ v = $1; sub(/ +$/, "", v) } v == n' /tmp/list.out)
-  erow=$(awk -F'|' -v n="$name" '{ v = $1; sub(/ +$/, "", v) } v == n' /tmp/elist.out)
-  if [ "$(echo "$row" | grep -c .)" -ne 1 ] || [ "$(echo "$erow" | grep -c .)" -ne 1 ]; then
-    fail "$name: ipmitool lists it $(echo "$row" | grep -c .) times (sdr list), $(echo "$erow" | grep -c .) times (elist)"
+while IFS='|' read -r name number reading units state unavailable scanoff problem states thresholds \
+    lcount value status ecount enumber etext; do
+  if [ "$lcount" -ne 1 ] || [ "$ecount" -ne 1 ]; then
+    fail "$name: ipmitool lists it $lcount times (sdr list), $ecount times (elist)"
     continue
   fi
-  value=$(field "$row" 2)
-  status=$(field "$row" 3)
-  check_eq "$name: sensor number as elist gives it" "$(field "$erow" 2)" "$(printf '%02Xh' "$number")"
+  check_eq "$name: sensor number as elist gives it" "$enumber" "$(printf '%02Xh' "$number")"
   check_eq "$name: state as ipmitool's status" "$status" "$(status_of "$state")"
   case $value in
     [0-9]*" "* | -[0-9]*" "*)
@@ -139,7 +136,7 @@ while IFS= read -r line; do
         check_eq "$name: reading to ipmitool's decimals" "$number_text" "$(rounded "$reading" "$number_text")"
       fi
       check_eq "$name: units" "${value#* }" "$units"
-      check_eq "$name: elist's reading" "$value" "$(field "$erow" 5)"
+      check_eq "$name: elist's reading" "$value" "$etext"
       # ipmitool's verbose view prints the value to three decimals.
       vtext=$(verbose_of "$name" | sed -n 's/^ *Sensor Reading *: \(-\{0,1\}[0-9.]*\) (+\/- [0-9.]*) .*/\1/p')
       check_eq "$name: reading to the decimals of ipmitool -v sdr list ($vtext)" "$vtext" "$(rounded "$reading" "$vtext")"
@@ -155,7 +152,7 @@ while IFS= read -r line; do
         check_eq "$name: no reading (a discrete sensor)" - "$reading"
         check_eq "$name: states asserted (ipmitool's state byte $value)" \
           "$([ "$value" = 0x00 ] && echo no || echo yes)" "$([ -z "$states" ] && echo no || echo yes)"
-        check_eq "$name: asserted states as elist names them" "$(field "$erow" 5)" "$states"
+        check_eq "$name: asserted states as elist names them" "$etext" "$states"
       else
         # A compact threshold record: no factors, so ipmitool shows the raw
         # reading only in its verbose view; ours is that byte taken as it
@@ -178,7 +175,7 @@ while IFS= read -r line; do
       ;;
     *) fail "$name: ipmitool's value '$value' is of no known form" ;;
   esac
-done </tmp/ours.txt
+done </tmp/joined.txt
 echo "compared: $values converted values, $bytes raw bytes, $absent sensors without a reading"
 
 echo "== what the full records make of the raw bytes"
