@@ -5,6 +5,8 @@
 #
 #   qemu-bmc       QEMU's BMC through the kernel's KCS driver: transport,
 #                  identity, watchdog, SMBIOS below 1 MiB, benchmark
+#   qemu-sensors   QEMU's BMC with an SDR repository of our own (qemu-sdr.sh):
+#                  qelctl sensors against ipmitool sdr list and elist
 #   smbios-high    a table above 1 MiB; an ALDERCROFT blade
 #   lockdown       the same blade on a kernel booted with lockdown=integrity:
 #                  /dev/mem refused, the tables read from sysfs instead
@@ -123,7 +125,19 @@ boot() {
   smbios_args "$prefix"
   local kargs
   eval "kargs=\${${prefix}_KERNEL_ARGS:-}"
-  local bmcdev=(-device ipmi-bmc-sim,id=bmc0)
+  local bmcdev=(-device ipmi-bmc-sim,id=bmc0) sdr
+  # A boot may give QEMU's BMC an SDR repository of its own: PREFIX_SDR
+  # names the script that writes it (qemu-sdr.sh). QEMU's option syntax
+  # takes a comma in the path doubled.
+  eval "sdr=\${${prefix}_SDR:-}"
+  if [ -n "$sdr" ]; then
+    if ! bash "$here/$sdr" "$dir/sdr.bin" 2>"$dir/sdr.err"; then
+      echo "[$name] FAIL: $sdr could not write the SDR file: $(cat "$dir/sdr.err")"
+      failed+=("$name")
+      return
+    fi
+    bmcdev=(-device "ipmi-bmc-sim,id=bmc0,sdrfile=${dir//,/,,}/sdr.bin")
+  fi
   if [ "$bmc" = bmcsim ]; then
     start_bmcsim "$dir" || { failed+=("$name"); return; }
     bmcdev=(-chardev "socket,id=c0,host=127.0.0.1,port=$bmcsim_port,reconnect=10"
@@ -288,6 +302,7 @@ check_bmcsim() {
 
 boot qemu-bmc 150 1
 boot qemu-bmc-sel 180 2
+boot qemu-sensors 90 1
 boot smbios-high 90 1
 boot lockdown 90 1
 boot watchdog-fire 150 2

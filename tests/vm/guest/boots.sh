@@ -97,3 +97,15 @@ BMCSIM_IPV4="192.0.2.10"
 BMCSIM_IPV4_HEX="c0 00 02 0a"
 BMCSIM_IPV6="2001:db8::10"
 BMCSIM_SOFT_WATCHDOG=300
+
+# qemu-sensors: QEMU's BMC with the SDR repository that the host script
+# QEMU_SENSORS_SDR (in tests/vm) writes. The raw bytes the guest writes into
+# QEMU's sensors (Set Sensor Reading) before reading them, "NUMBER BYTE"
+# pairs, and what the full records make of them.
+QEMU_SENSORS_SDR=qemu-sdr.sh
+QEMU_SENSORS_RAW="1 0x2d 2 0x3c 3 0xbf 4 0x5a 6 0xf6"
+# NAME=READING;... for the full records' sensors with a reading.
+QEMU_SENSORS_EXPECTED="CPU Temp=45;Fan 1=3000;12V=12.033;CPU Margin=-10"
+# NAME=LNC,LC,LNR,UNC,UC,UNR;... as the full records hold them ("-": not readable).
+QEMU_SENSORS_THRESHOLDS="CPU Temp=-,-,-,80.000,90.000,100.000;Fan 1=1000.000,500.000,-,-,-,-;12V=-,10.899,-,-,13.104,-;CPU Margin=-,-,-,-5.000,-,-"
+QEMU_SENSORS_COUNT=14
