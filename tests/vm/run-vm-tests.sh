@@ -22,7 +22,8 @@
 #                   [--qelctl FILE] [--bmcsim QEL-BMCSIM] [--iana N]
 #
 # Every boot is bounded by a host-side timeout, all boots together by
-# $QEL_VM_BUDGET seconds (default 420). A VM that cannot start fails the run
+# $QEL_VM_BUDGET seconds (default 500; the quiet run takes about 220, and a
+# loaded machine twice that). A VM that cannot start fails the run
 # with the reason. QEL_SKIP_VM=1 skips the tier (exit 77, which ctest reports
 # as skipped) and says so. QEL_VM_ONLY="name ..." boots only the named guest
 # tests (a shorter run while working on one of them).
@@ -77,7 +78,7 @@ devices=$("$qemu" -device help 2>&1) \
 grep -q '"ipmi-bmc-sim"' <<<"$devices" || fatal "$qemu has no ipmi-bmc-sim device"
 
 # ---------------------------------------------------------------- boots
-budget=${QEL_VM_BUDGET:-420}
+budget=${QEL_VM_BUDGET:-500}
 tier_start=$(now)
 . "$here/guest/boots.sh"
 failed=()
