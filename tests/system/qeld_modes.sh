@@ -64,6 +64,14 @@ expect_true "OS Stop/Shutdown, offset 3 (graceful shutdown)" sh -c "$BMCSIM --so
 set +e
 "$QELD" --once --system-shutdown --bmc-socket "$SOCK" 2>/dev/null
 expect_eq "--system-shutdown without --shutdown" "$?" 64
+"$QELD" --once --watchdog-action reset --bmc-socket "$SOCK" 2>/dev/null
+expect_eq "--watchdog-action without --watchdog" "$?" 64
+"$QELD" --once --watchdog 7000 --bmc-socket "$SOCK" 2>/dev/null
+expect_eq "--watchdog beyond the 16-bit countdown" "$?" 64
+"$QELD" --once --watchdog 300 --watchdog-action explode --bmc-socket "$SOCK" 2>/dev/null
+expect_eq "--watchdog-action of no such action" "$?" 64
+"$QELD" --once --strict --watchdog 300 --bmc-socket "$SOCK" 2>/dev/null
+expect_eq "--watchdog with --strict" "$?" 64
 set -e
 
 step "--foreground: the worker resets the watchdog; SIGALRM resets it too"

@@ -881,3 +881,84 @@ TEST_F(HostAgentEvents, GracefulShutdownGoesToTheEventLog) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- a controller without a configuration space
+
+// A controller of another make has no configuration space to hold the
+// watchdog settings: without settings of its own the agent leaves the timer
+// alone and says so once; with them the timer runs with that time and
+// action, is reset on schedule and never expires, and is stopped at the end.
+class HostAgentWithoutConfSpace : public HostAgentTest {
+protected:
+    void SetUp() override {
+        HostAgentTest::SetUp();
+        sim->applyDescriptionLine("vendor-commands off");
+        sim->applyDescriptionLine("board none");
+        network.set({loopback()});
+    }
+};
+
+TEST_F(HostAgentWithoutConfSpace, WithoutItsOwnSettingsTheAgentLeavesTheTimerAloneAndSaysSoOnce) {
+    auto a = agent();
+    run(*a, 30);
+    EXPECT_EQ(count(netfn::app, cmd::setWatchdogTimer), 0u);
+    EXPECT_EQ(resets(), 0u);
+    EXPECT_FALSE(sim->watchdog().state().running);
+    EXPECT_EQ(logsContaining("no configuration space to hold the watchdog settings").size(), 1u);
+}
+
+TEST_F(HostAgentWithoutConfSpace, WithItsOwnSettingsTheTimerRunsResetOnTimeAndStopsAtTheEnd) {
+    auto o = options();
+    o.watchdogSeconds = 300;
+    o.watchdogAction = 1;  // hard reset
+    QelHostAgent a(o);
+    sim->clearRequests();
+    qelSim::WatchdogState during;
+    std::size_t sets = 0;
+    // Twenty minutes of passes: four settings reads, reset every 100 s.
+    run(a, 60, [&](int pass) {
+        if (pass == 59) {
+            during = sim->watchdog().state();
+            sets = count(netfn::app, cmd::setWatchdogTimer);
+        }
+    });
+    EXPECT_TRUE(during.running);
+    EXPECT_EQ(during.timerUse, 4) << "SMS/OS";
+    EXPECT_EQ(during.timeoutAction, 1);
+    EXPECT_EQ(during.initialCountdown, 3000);
+    EXPECT_TRUE(sim->watchdog().expiries().empty());
+    EXPECT_EQ(sets, 1u) << "unchanged settings are not written again";
+    EXPECT_GE(resets(), 12u);
+    EXPECT_FALSE(sim->watchdog().state().running) << "stopped when the agent ends";
+    EXPECT_EQ(logsContaining("keeps the BMC watchdog with its own settings").size(), 1u);
+}
+
+TEST_F(HostAgentWithoutConfSpace, TheOwnTimeIsAtLeastFourMinutes) {
+    auto o = options();
+    o.watchdogSeconds = 30;
+    o.watchdogAction = 0;
+    QelHostAgent a(o);
+    run(a, 3);
+    const auto sets = sim->requests(netfn::app, cmd::setWatchdogTimer);
+    ASSERT_FALSE(sets.empty());
+    const Bytes& set = sets.front().data;
+    ASSERT_EQ(set.size(), 6u) << testing::PrintToString(set);
+    EXPECT_EQ(set[0] & 0x07, 4) << "SMS/OS";
+    EXPECT_EQ(set[1] & 0x07, 0) << "action none";
+    EXPECT_EQ(set[4] | (set[5] << 8), 2400) << "240 s, not 30";
+    EXPECT_FALSE(sim->watchdog().state().running) << "stopped at the end";
+}
+
+// Where the configuration space exists its settings win over the agent's own.
+TEST_F(HostAgentTest, TheConfigurationSpacesSettingsWinOverTheAgentsOwn) {
+    network.set({loopback()});
+    auto o = options();
+    o.watchdogSeconds = 600;
+    QelHostAgent a(o);
+    qelSim::WatchdogState during;
+    run(a, 5, [&](int pass) {
+        if (pass == 4) during = sim->watchdog().state();
+    });
+    EXPECT_EQ(during.initialCountdown, 3000) << "the configured 300 s";
+    EXPECT_EQ(logsContaining("--watchdog is not used").size(), 1u);
+}

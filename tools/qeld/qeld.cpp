@@ -102,6 +102,12 @@ const char usageText[] =
     "                     DIR/var/run/qeld.pid, DIR/opt/zum/...): a sandbox, or tests\n"
     "  --report           at the end, print the simulated controller's state: what the\n"
     "                     agent sent, the watchdog, configuration space, PNI and board\n"
+    "  --watchdog SECONDS where the controller has no configuration space (a controller\n"
+    "                     of another make), keep the BMC watchdog with this time (at least\n"
+    "                     240 s); elsewhere the configuration space's settings hold. 0,\n"
+    "                     the default: no watchdog on such a controller\n"
+    "  --watchdog-action none|reset|power-off|power-cycle\n"
+    "                     what the controller does when that timer expires (reset)\n"
     "  --sel-replay       forward the controller's whole event log (SEL) to the journal\n"
     "                     once, as if nothing had been forwarded before (normally a\n"
     "                     first start forwards only what was logged since the boot)\n"
@@ -170,6 +176,8 @@ struct Options {
     std::string statsFile;
     bool sel = true;
     bool selReplay = false;
+    unsigned int watchdogSeconds = 0;
+    int watchdogAction = -1;  // -1: not given (hard reset)
     std::string selLogFile;
 };
 
@@ -240,6 +248,16 @@ int parse(int argc, char** argv, Options& o) {
             o.root = value;
         } else if (arg == "--report") {
             o.report = true;
+        } else if (arg == "--watchdog") {
+            if (!need("--watchdog") || !parseCount(value, 6553, o.watchdogSeconds))
+                return badUsage("--watchdog needs seconds (0 to 6553)");
+        } else if (arg == "--watchdog-action") {
+            static const char* const actions[] = {"none", "reset", "power-off", "power-cycle"};
+            if (!need("--watchdog-action")) return badUsage("--watchdog-action needs none, reset, power-off or power-cycle");
+            for (int a = 0; a < 4; ++a)
+                if (value == actions[a]) o.watchdogAction = a;
+            if (o.watchdogAction < 0)
+                return badUsage("--watchdog-action needs none, reset, power-off or power-cycle");
         } else if (arg == "--sel-replay") {
             o.selReplay = true;
         } else if (arg == "--no-sel") {
@@ -275,6 +293,8 @@ int parse(int argc, char** argv, Options& o) {
         return badUsage("--report does not go with --daemon (read the state with qel-bmcsim ... ctl dump)");
     if (o.systemShutdown && o.mode != Mode::Shutdown) return badUsage("--system-shutdown goes with --shutdown");
     if (o.selReplay && !o.sel) return badUsage("--sel-replay does not go with --no-sel");
+    if (o.watchdogAction >= 0 && o.watchdogSeconds == 0) return badUsage("--watchdog-action goes with --watchdog");
+    if (o.watchdogSeconds != 0 && o.strict) return badUsage("--watchdog does not go with --strict");
     if (!o.root.empty() && o.root.back() == '/') o.root.pop_back();
     return -1;
 }
@@ -322,8 +342,10 @@ void atDaemonExit() {
 // The host agent, with the event log's forwarder as one more step of its
 // pass when `forwarding` is given. The forwarder's state needs its directory,
 // and its sink the journal or syslog: both are made here, before the loop.
-std::unique_ptr<QelHostAgent> makeHostAgent(qeld::SelForwarding* forwarding) {
+std::unique_ptr<QelHostAgent> makeHostAgent(const Options& o, qeld::SelForwarding* forwarding) {
     QelHostAgent::Options options;
+    options.watchdogSeconds = o.watchdogSeconds;
+    if (o.watchdogAction >= 0) options.watchdogAction = o.watchdogAction;
     if (forwarding != nullptr)
         options.steps.emplace_back("event log forwarding", [forwarding] { forwarding->pass(); });
     return std::unique_ptr<QelHostAgent>(new QelHostAgent(options));
@@ -347,7 +369,7 @@ int runDaemon(const Options& o) {
         return exitAlreadyRunning;
     }
     std::unique_ptr<qeld::SelForwarding> forwarding = makeForwarding(o);
-    std::unique_ptr<QelHostAgent> agent = makeHostAgent(forwarding.get());
+    std::unique_ptr<QelHostAgent> agent = makeHostAgent(o, forwarding.get());
     agent->start(QelServerInfo::Daemon);
     return exitAlreadyRunning;
 }
@@ -427,7 +449,7 @@ int runForeground(qeld::QeldPlatform& platform, const qeld::ServiceNotifier& not
         if (notifier.enabled()) platform.setPassHook(passEnded);
         agent.reset(new QelServerInfo(QelServerInfo::Thread));
     } else {
-        host = makeHostAgent(forwarding.get()).release();
+        host = makeHostAgent(o, forwarding.get()).release();
         agent.reset(host);
         if (notifier.enabled()) platform.setPassHook(passEnded);
         host->start(QelServerInfo::Thread);

@@ -245,7 +245,10 @@ void QelHostAgent::main_action(int& exitCode) {
     exitCode = 0;
 
     if (watchdogMode) {
-        if (keepsWatchdog) guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
+        // A timer the agent never ran (no configuration space, no settings of
+        // its own) is somebody else's: it is left as it is.
+        if (keepsWatchdog && (confSpace != nullptr || options_.watchdogSeconds != 0))
+            guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
         guarded("agent connection status", [&] {
             if (confSpace != nullptr) confSpace->changeAgentConnectionStatus(QelConfSpaceData::AgentDisconnected);
         });
@@ -253,6 +256,29 @@ void QelHostAgent::main_action(int& exitCode) {
     if (runMode == Daemon) guarded("OS status report", [&] { setShutdownInfo(); });
 
     if (holdsMutex) pthread_mutex_unlock(&loopMutex);
+}
+
+bool QelHostAgent::updateWatchdogFromOptions() {
+    // The same rules as the configured time: at least 240 s, at most what
+    // the controller's 16-bit countdown (100 ms units) holds.
+    const std::int32_t time =
+        std::min<std::int32_t>(std::max<std::int64_t>(std::int64_t{options_.watchdogSeconds} * 10, 2400), 0xFFFF);
+    const int action = options_.watchdogAction & 0x07;
+    QelIpmiWatchdog watchdog(agentTimerUse);
+    if (wdEnabled && time == wdTime && wdForce == 0 && time == watchdog.initialCountdown &&
+        watchdog.timeoutAction == action)
+        return false;
+    wdEnabled = true;
+    wdTime = time;
+    wdForce = 0;
+    if (watchdog.timeoutAction == action && watchdog.initialCountdown == time && watchdog.running)
+        return true;  // already right: only the caller's reset is due
+    watchdog.timeoutAction = action;
+    watchdog.initialCountdown = static_cast<unsigned short>(time);
+    // A running timer keeps running through the change: the host is as
+    // unguarded as before only until the reset the caller makes at once.
+    watchdog.set(true);
+    return true;
 }
 
 void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
@@ -264,9 +290,21 @@ void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
         // soon as it is read. A read that threw is tried again next pass.
         const long now = static_cast<long>(platform().time());
         bool applied = false;
+        if (settingsReadAt_ == 0) {
+            if (confSpace == nullptr && options_.watchdogSeconds == 0)
+                logText(LOG_NOTICE, "the controller has no configuration space to hold the watchdog settings: qeld "
+                                    "does not keep the BMC watchdog (qeld --watchdog SECONDS turns it on)");
+            else if (confSpace == nullptr)
+                logText(LOG_INFO, "the controller has no configuration space: qeld keeps the BMC watchdog with "
+                                  "its own settings (--watchdog, --watchdog-action)");
+            else if (options_.watchdogSeconds != 0)
+                logText(LOG_NOTICE, "--watchdog is not used: the controller's configuration space holds the "
+                                    "watchdog settings");
+        }
         if (settingsReadAt_ == 0 || now - settingsReadAt_ >= static_cast<long>(options_.watchdogSettingsSeconds) ||
             now < settingsReadAt_) {
-            applied = updateWatchdog();
+            applied = confSpace == nullptr && options_.watchdogSeconds != 0 ? updateWatchdogFromOptions()
+                                                                            : updateWatchdog();
             settingsReadAt_ = now == 0 ? 1 : now;
         }
         if (applied) countdown = 1;

@@ -13,7 +13,10 @@
 //   every watchdogSettingsSeconds (five minutes) rather than every pass, and
 //   the timer's state only before a reset; the board's OS and platform texts
 //   go when they change and at every republication. The OS status goes every
-//   pass: the board takes it as the host's heartbeat.
+//   pass: the board takes it as the host's heartbeat. A controller without a
+//   configuration space (another make's) holds no settings for the timer:
+//   Options::watchdogSeconds and watchdogAction stand in for them there, and
+//   without them the agent leaves that timer alone, at its end too.
 // - Every other step (OS status, the facts, the network inventory, the
 //   configuration space, the PNI records, the board) runs guarded: an
 //   exception is caught and logged, and the next pass comes. A failure is
@@ -90,6 +93,16 @@ public:
         // How often the watchdog settings are read from the configuration
         // space. The timer itself is reset on its own schedule in between.
         unsigned int watchdogSettingsSeconds = 300;
+        // The watchdog where the controller has no configuration space (a
+        // controller of another make): nowhere there holds the settings an
+        // administrator gives the agent's timer, so these stand in for them.
+        // 0 seconds (the default): the agent does not keep the timer there.
+        // Otherwise the timer (SMS/OS) runs with this time (at least 240 s,
+        // as the configured one) and action (0 none, 1 hard reset, 2 power
+        // down, 3 power cycle). Where the configuration space exists, its
+        // settings win and these are ignored (said once in the log).
+        unsigned int watchdogSeconds = 0;
+        int watchdogAction = 1;
         // More work for every pass, each run guarded under its name after
         // the watchdog's step (the event log's forwarder in qeld). A step
         // must return quickly: the next watchdog reset waits for it.
@@ -142,6 +155,9 @@ private:
     void failed(const std::string& step, const std::string& text);
     void succeeded(const std::string& step);
     void keepWatchdog(int& countdown, unsigned int& period);
+    // updateWatchdog's work from Options::watchdogSeconds and
+    // watchdogAction, for a controller without a configuration space.
+    bool updateWatchdogFromOptions();
     void reportBoot();
     void publishFacts(bool refresh);
     void publishSystemInfo();
