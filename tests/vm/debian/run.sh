@@ -45,6 +45,12 @@ boot_install() {
   # dependency: it is taken away again once the boot's module loading is
   # over.)
   udevadm settle --timeout=300
+  # QEMU's controller has no configuration space: the site gives qeld its
+  # own watchdog settings (a drop-in, as the shipped /etc/default/qeld
+  # leaves QELD_OPTIONS unset for one), 300 s with hard reset.
+  mkdir -p /etc/systemd/system/qeld.service.d
+  printf '[Service]\nEnvironment="QELD_OPTIONS=--watchdog 300 --watchdog-action reset"\n' \
+    > /etc/systemd/system/qeld.service.d/watchdog.conf
   modprobe -r ipmi_devintf 2>/dev/null
   check "no /dev/ipmi0 before the package is installed" test ! -e /dev/ipmi0
   check "apt-get install $old_deb" install_qeld "$old_deb"
