@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -573,6 +575,91 @@ TEST_F(SdrCache, CacheWithARecordThatDoesNotAddUpIsIgnored) {
     repo.load();
     EXPECT_FALSE(repo.loadedFromCache());
     EXPECT_TRUE(anyNoteHas(repo, "announces 255 bytes")) << notesOf(repo);
+}
+
+// The cache text with its end line made again for what it now holds, as if
+// the program had written it.
+std::string resealed(const std::string& text) {
+    const std::size_t end = text.rfind("end ");
+    const std::string body = text.substr(0, end);
+    const std::string count = text.substr(end + 4, text.find(' ', end + 4) - end - 4);
+    uint32_t h = 2166136261u;
+    for (unsigned char c : body) {
+        h ^= c;
+        h *= 16777619u;
+    }
+    char line[48];
+    std::snprintf(line, sizeof line, " %08x\n", h);
+    return body + "end " + count + line;
+}
+
+TEST_F(SdrCache, CacheWordsMayBeSeparatedByAnyWhiteSpaceAndInUpperCase) {
+    // An administrator's editor may leave tabs, CRs and capitals: still the
+    // same records.
+    fresh().load();
+    std::string text = readText(file());
+    const std::size_t at = text.find("record 01 00 51 01 ");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, 19, "record\t01 \v00\f 51  01\r ");
+    const std::size_t controller = text.find("controller 20 81");
+    text.replace(controller + 11, 5, "20\t81");
+    const std::size_t d9 = text.find("d9 7e");
+    ASSERT_LT(d9, text.find('\n', controller));
+    for (std::size_t i = d9; i < d9 + 5; ++i)
+        text[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[i])));
+    writeText(file(), resealed(text));
+    sim->clearRequests();
+    QelSdrRepository repo = fresh();
+    repo.load();
+    EXPECT_TRUE(repo.loadedFromCache()) << notesOf(repo);
+    EXPECT_EQ(recordsRead(repo), repository().records());
+    EXPECT_EQ(sim->requestCount(), 1u);
+}
+
+TEST_F(SdrCache, CacheWordsThatAreNotTwoHexDigitsAreCorrupt) {
+    fresh().load();
+    const std::string good = readText(file());
+    const std::size_t at = good.find("record 01 00 51 01 ");
+    ASSERT_NE(at, std::string::npos);
+    const std::string line = std::to_string(std::count(good.begin(), good.begin() + at, '\n') + 1);
+    for (const char* word : {"1", "123", "0g", "+1", "-1", "0x"}) {
+        std::string text = good;
+        text.replace(at + 7, 2, word);
+        writeText(file(), resealed(text));
+        QelSdrRepository repo = fresh();
+        repo.load();
+        EXPECT_FALSE(repo.loadedFromCache()) << word;
+        EXPECT_TRUE(anyNoteHas(repo, "corrupt (line " + line + "), ignoring it")) << word << ": " << notesOf(repo);
+        EXPECT_EQ(recordsRead(repo), repository().records());
+    }
+}
+
+TEST_F(SdrCache, CacheRepositoryLineOutOfRangeOrWithMoreWordsIsCorrupt) {
+    fresh().load();
+    const std::string good = readText(file());
+    const std::size_t at = good.find("\nrepository ") + 1;
+    const std::size_t lineEnd = good.find('\n', at);
+    const std::string original = good.substr(at, lineEnd - at);
+    for (const std::string& line : {std::string("repository 51 65536 0 0"), std::string("repository 51 7 4294967296 0"),
+                                    std::string("repository 51 7 0 99999999999"), std::string("repository 5 7 0 0"),
+                                    std::string("repository 51 7 0"), original + " 1", std::string("repository 51 +7 0 0")}) {
+        writeText(file(), resealed(good.substr(0, at) + line + good.substr(lineEnd)));
+        QelSdrRepository repo = fresh();
+        repo.load();
+        EXPECT_FALSE(repo.loadedFromCache()) << line;
+        EXPECT_TRUE(anyNoteHas(repo, "corrupt (line 3), ignoring it")) << line << ": " << notesOf(repo);
+    }
+    // The end line is as strict: a word more, a count that is no number.
+    for (const char* tail : {" x", ""}) {
+        std::string text = resealed(good);
+        text.insert(text.size() - 1, tail);
+        if (*tail == '\0') text.replace(text.rfind("end ") + 4, 1, "z");
+        writeText(file(), text);
+        QelSdrRepository repo = fresh();
+        repo.load();
+        EXPECT_FALSE(repo.loadedFromCache()) << tail;
+        EXPECT_TRUE(anyNoteHas(repo, "corrupt (bad end line)")) << notesOf(repo);
+    }
 }
 
 TEST_F(SdrCache, ForeignFilesAndOtherControllersCachesAreIgnored) {

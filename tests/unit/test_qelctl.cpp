@@ -708,6 +708,70 @@ TEST(QelctlTextfileDeathTest, ARunThatTimesOutLeavesTheFileAndTheNextRunCountsIt
               (std::vector<std::string>{"qeld.prom", "qeld.prom.lock", "qeld.prom.timeouts"}));
 }
 
+// ---------------------------------------------------------------- the command line
+
+// The names of the top-level subcommands of an app.
+std::vector<std::string> subcommandNames(CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) names.push_back(sub->get_name());
+    return names;
+}
+
+TEST(QelctlCommandLine, SubcommandListNamesEverySubcommandItsFunctionsAddInHelpOrder) {
+    // main sets up the command line from the list alone: a subcommand missing
+    // from it would be missing from qelctl, and a command line naming it
+    // could be taken as naming another alone.
+    CLI::App all{"qelctl"};
+    qelctl::Action action;
+    std::vector<std::string> listed;
+    std::vector<decltype(qelctl::Subcommand::add)> added;
+    for (const qelctl::Subcommand& s : qelctl::subcommands()) {
+        listed.push_back(s.name);
+        if (std::find(added.begin(), added.end(), s.add) == added.end()) {
+            s.add(all, action);
+            added.push_back(s.add);
+        }
+        CLI::App alone{"qelctl"};
+        s.add(alone, action);
+        const std::vector<std::string> names = subcommandNames(alone);
+        EXPECT_NE(std::find(names.begin(), names.end(), s.name), names.end()) << s.name << " is not added by its function";
+    }
+    EXPECT_EQ(subcommandNames(all), listed);
+}
+
+const qelctl::Subcommand* alone(std::vector<const char*> args) {
+    args.insert(args.begin(), "qelctl");
+    return qelctl::subcommandAlone(static_cast<int>(args.size()), args.data());
+}
+
+TEST(QelctlCommandLine, SubcommandNamedAloneAfterTheCommonOptions) {
+    ASSERT_NE(alone({"sensors"}), nullptr);
+    EXPECT_STREQ(alone({"sensors"})->name, "sensors");
+    EXPECT_STREQ(alone({"--json", "sensors", "--type", "fan"})->name, "sensors");
+    EXPECT_STREQ(alone({"--bmc-socket", "/tmp/bmc.sock", "--json", "metrics"})->name, "metrics");
+    EXPECT_STREQ(alone({"--bmc-socket=/tmp/x", "--simulate", "config", "get", "cabinet-location"})->name, "config");
+    EXPECT_STREQ(alone({"device-id"})->name, "device-id");
+}
+
+TEST(QelctlCommandLine, AnythingThatCouldMeanAnotherSubcommandOrHelpNeedsThemAll) {
+    EXPECT_EQ(alone({}), nullptr);
+    EXPECT_EQ(alone({"--json"}), nullptr);
+    EXPECT_EQ(alone({"nonsense"}), nullptr);
+    EXPECT_EQ(alone({"--help", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"sensors", "--help"}), nullptr);
+    EXPECT_EQ(alone({"sensors", "-h"}), nullptr);
+    EXPECT_EQ(alone({"sel", "--help-all"}), nullptr);
+    EXPECT_EQ(alone({"--verbose", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"sensors", "status"}), nullptr);
+    EXPECT_EQ(alone({"sensors", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"config", "get", "status"}), nullptr);
+    EXPECT_EQ(alone({"--bmc-socket"}), nullptr);
+    EXPECT_EQ(alone({"--bmc-socket", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"--bmc-socket", "status", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"-", "sensors"}), nullptr);
+    EXPECT_EQ(alone({"", "sensors"}), nullptr);
+}
+
 }  // namespace
 
 namespace {

@@ -16,6 +16,7 @@
 // process (qel-bmcsim) that other processes share.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -28,44 +29,73 @@
 #include "qelSimSocket.h"
 #include "qelctlCommands.h"
 
-int main(int argc, char** argv) {
-    using namespace qelctl;
-    CLI::App app{"qelctl: the controller as the agent sees it, and what the agent does"};
-    app.require_subcommand(1);
+namespace {
+
+// What the command line sets.
+struct CommandLine {
     bool simulate = false;
     std::string bmcSocket;
-    Output output;
-    auto* sim = app.add_flag("--simulate", simulate, "use the built-in simulated controller, not /dev/ipmi0");
-    auto* sock = app.add_option("--bmc-socket", bmcSocket,
-                                "use the simulated controller process serving PATH (default: $QEL_BMCSIM_SOCKET)");
+    qelctl::Output output;
+    qelctl::Action action;
+};
+
+// The command line's options and the subcommands: `only`, or all of them.
+std::unique_ptr<CLI::App> commandLine(CommandLine& line, const qelctl::Subcommand* only) {
+    auto app = std::make_unique<CLI::App>("qelctl: the controller as the agent sees it, and what the agent does");
+    app->require_subcommand(1);
+    auto* sim = app->add_flag("--simulate", line.simulate, "use the built-in simulated controller, not /dev/ipmi0");
+    auto* sock = app->add_option("--bmc-socket", line.bmcSocket,
+                                 "use the simulated controller process serving PATH (default: $QEL_BMCSIM_SOCKET)");
     sim->excludes(sock);
-    app.add_flag("--json", output.json, "one JSON document on standard output");
-
-    Action action;
-    addStatus(app, action);
-    addIdentity(app, action);
-    addWatchdog(app, action);
-    addConfig(app, action);
-    addLan(app, action);
-    addPni(app, action);
-    addBoard(app, action);
-    addSel(app, action);
-    addSensors(app, action);
-    addPower(app, action);
-    addInventory(app, action);
-    addHost(app, action);
-    addMetrics(app, action);
-
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::CallForAllHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError& e) {
-        std::cerr << "qelctl: " << e.what() << "\n(qelctl --help lists the commands)\n";
-        return exitUsage;
+    app->add_flag("--json", line.output.json, "one JSON document on standard output");
+    if (only != nullptr) {
+        only->add(*app, line.action);
+        return app;
     }
+    std::vector<decltype(only->add)> added;
+    for (const qelctl::Subcommand& s : qelctl::subcommands()) {
+        if (std::find(added.begin(), added.end(), s.add) != added.end()) continue;
+        s.add(*app, line.action);
+        added.push_back(s.add);
+    }
+    return app;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace qelctl;
+    CommandLine line;
+    // The subcommand named alone is parsed with only itself set up; should
+    // that parse fail, the whole command line parses again as always, so
+    // errors and help are the same either way.
+    std::unique_ptr<CLI::App> app;
+    if (const Subcommand* only = subcommandAlone(argc, argv)) {
+        app = commandLine(line, only);
+        try {
+            app->parse(argc, argv);
+        } catch (const CLI::Error&) {
+            app.reset();
+            line = CommandLine();
+        }
+    }
+    if (!app) {
+        app = commandLine(line, nullptr);
+        try {
+            app->parse(argc, argv);
+        } catch (const CLI::CallForHelp& e) {
+            return app->exit(e);
+        } catch (const CLI::CallForAllHelp& e) {
+            return app->exit(e);
+        } catch (const CLI::ParseError& e) {
+            std::cerr << "qelctl: " << e.what() << "\n(qelctl --help lists the commands)\n";
+            return exitUsage;
+        }
+    }
+    bool& simulate = line.simulate;
+    std::string& bmcSocket = line.bmcSocket;
+    const Output& output = line.output;
+    Action& action = line.action;
     if (bmcSocket.empty() && !simulate)
         if (const char* env = std::getenv("QEL_BMCSIM_SOCKET")) bmcSocket = env;
 

@@ -8,12 +8,14 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <string_view>
 
 #include "qelError.h"
 #include "qelIpmi.h"
 #include "qelIpmiDevice.h"
 #include "qelNoController.h"
 #include "qelSimDescription.h"
+#include "qelctlCommands.h"
 
 namespace qelctl {
 
@@ -126,6 +128,43 @@ std::string macText(const unsigned char* bytes) {
     std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3],
                   bytes[4], bytes[5]);
     return text;
+}
+
+const std::vector<Subcommand>& subcommands() {
+    static const std::vector<Subcommand> all = {
+        {"status", addStatus},   {"identity", addIdentity}, {"device-id", addIdentity}, {"watchdog", addWatchdog},
+        {"config", addConfig},   {"lan", addLan},           {"pni", addPni},             {"board", addBoard},
+        {"sel", addSel},         {"sensors", addSensors},   {"power", addPower},         {"inventory", addInventory},
+        {"host", addHost},       {"metrics", addMetrics},
+    };
+    return all;
+}
+
+namespace {
+const Subcommand* subcommandNamed(std::string_view name) {
+    for (const Subcommand& s : subcommands())
+        if (name == s.name) return &s;
+    return nullptr;
+}
+}  // namespace
+
+const Subcommand* subcommandAlone(int argc, const char* const* argv) {
+    const Subcommand* named = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        if (named != nullptr) {
+            if (word == "-h" || word == "--help" || word == "--help-all" || subcommandNamed(word) != nullptr)
+                return nullptr;
+        } else if (word == "--simulate" || word == "--json" || word.rfind("--bmc-socket=", 0) == 0) {
+            continue;
+        } else if (word == "--bmc-socket") {
+            // Its path, which must not be a subcommand's name either.
+            if (++i == argc || subcommandNamed(argv[i]) != nullptr) return nullptr;
+        } else if (word.empty() || word[0] == '-' || (named = subcommandNamed(word)) == nullptr) {
+            return nullptr;
+        }
+    }
+    return named;
 }
 
 std::pair<bool, std::string> qeldRunning() {

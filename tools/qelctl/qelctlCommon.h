@@ -6,10 +6,15 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace qelctl {
 
@@ -68,6 +73,23 @@ void setControllerSocket(const std::string& path);
 // says there is none and what to do, as qeld says it ("no IPMI controller:
 // /dev/ipmi0: No such file or directory, ...; load the IPMI drivers ...").
 std::string noController();
+
+// The top-level subcommands in the order of qelctl --help, each with the
+// function that adds it to the command line (one function may add two).
+// Every subcommand must be here: main sets up the command line from this
+// list alone.
+struct Subcommand {
+    const char* name;
+    void (*add)(CLI::App& app, std::function<int(const Output&)>& action);
+};
+const std::vector<Subcommand>& subcommands();
+// The subcommand a command line names when it can be parsed with that one
+// alone: before it only --simulate, --json and --bmc-socket PATH, after it
+// no word that is another subcommand's name (or its own again) and no help
+// option. Null for any other command line, which then needs them all so its
+// errors and help read as always. Setting up only one is most of what a
+// short run saves: CLI11 builds every option of every subcommand it is given.
+const Subcommand* subcommandAlone(int argc, const char* const* argv);
 
 // Whether qeld runs on this host: its pid file names a live process, or
 // systemd reports the unit active. The text says which.

@@ -13,6 +13,7 @@
 #include <cctype>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "qelIpmi.h"
 #include "qelIpmiCommands.h"
@@ -210,7 +211,7 @@ constexpr const char* cacheMagic = "qel-sdr-cache 1";
 // Far above any repository (65535 records of 260 bytes in hex).
 constexpr off_t maxCacheSize = 64L * 1024 * 1024;
 
-uint32_t fnv1a(const std::string& text) {
+uint32_t fnv1a(std::string_view text) {
     uint32_t h = 2166136261u;
     for (unsigned char c : text) {
         h ^= c;
@@ -230,21 +231,73 @@ std::string hexBytes(const Bytes& bytes) {
     return out;
 }
 
-// Strict: two hex digits per word, nothing else.
-bool parseHexWords(std::istringstream& in, Bytes& out) {
-    for (std::string w; in >> w;) {
-        if (w.size() != 2 || !std::isxdigit(static_cast<unsigned char>(w[0])) ||
-            !std::isxdigit(static_cast<unsigned char>(w[1])))
-            return false;
-        out.push_back(static_cast<uint8_t>(std::strtoul(w.c_str(), nullptr, 16)));
+// The words of a piece of the file, split at white space as the C locale
+// has it. A warm load reads every record of the cache this way: string
+// streams there cost a command more CPU than the sensors it then reads.
+class Words {
+public:
+    explicit Words(std::string_view text) : text_(text) {}
+    // The next word, or an empty one when there is none.
+    std::string_view next() {
+        while (at_ < text_.size() && space(text_[at_])) ++at_;
+        const std::size_t from = at_;
+        while (at_ < text_.size() && !space(text_[at_])) ++at_;
+        return text_.substr(from, at_ - from);
     }
-    return true;
+    // What next() has not read yet, all taken.
+    std::string_view rest() {
+        const std::string_view rest = text_.substr(at_);
+        at_ = text_.size();
+        return rest;
+    }
+    // What the classic locale calls space, whatever the process's locale.
+    static bool space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+private:
+    std::string_view text_;
+    std::size_t at_ = 0;
+};
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
 }
 
-bool parseUnsigned(const std::string& word, unsigned long max, unsigned long& out) {
-    if (word.empty() || word.size() > 10 || word.find_first_not_of("0123456789") != std::string::npos) return false;
-    out = std::strtoul(word.c_str(), nullptr, 10);
-    return out <= max;
+// Two hex digits, nothing else; -1 for anything else.
+int hexByte(std::string_view w) {
+    if (w.size() != 2) return -1;
+    const int high = hexDigit(w[0]);
+    const int low = hexDigit(w[1]);
+    return high < 0 || low < 0 ? -1 : high << 4 | low;
+}
+
+// Strict: two hex digits per word, nothing else. The words of a record
+// line are read in place (a warm load reads every byte of the repository
+// here), the bytes reserved at once.
+bool parseHexWords(Words& in, Bytes& out) {
+    const std::string_view text = in.rest();
+    out.reserve(out.size() + (text.size() + 1) / 3);
+    for (std::size_t at = 0;;) {
+        while (at < text.size() && Words::space(text[at])) ++at;
+        if (at == text.size()) return true;
+        const int high = hexDigit(text[at]);
+        const int low = at + 1 < text.size() ? hexDigit(text[at + 1]) : -1;
+        if (high < 0 || low < 0 || (at + 2 < text.size() && !Words::space(text[at + 2]))) return false;
+        out.push_back(static_cast<uint8_t>(high << 4 | low));
+        at += 2;
+    }
+}
+
+bool parseUnsigned(std::string_view word, unsigned long max, unsigned long& out) {
+    if (word.empty() || word.size() > 10 || word.find_first_not_of("0123456789") != std::string_view::npos)
+        return false;
+    unsigned long long value = 0;
+    for (char c : word) value = value * 10 + static_cast<unsigned long long>(c - '0');
+    if (value > max) return false;
+    out = static_cast<unsigned long>(value);
+    return true;
 }
 
 std::string formatCache(const Bytes& identity, const RepositoryInfo& info, const std::vector<SdrRecord>& records) {
@@ -275,57 +328,55 @@ std::string parseCache(const std::string& text, CacheContents& out) {
         return "not a cache file of this program (foreign or of another format)";
     if (endAt == std::string::npos || text.empty() || text.back() != '\n')
         return "truncated (no end line)";
-    const std::string body = text.substr(0, endAt + 1);
+    const std::string_view body = std::string_view(text).substr(0, endAt + 1);
     {
-        std::istringstream end(text.substr(endAt + 1));
-        std::string word, countWord, hashWord, extra;
-        end >> word >> countWord >> hashWord;
+        Words end(std::string_view(text).substr(endAt + 1));
+        const std::string_view word = end.next(), countWord = end.next(), hashWord = end.next();
         unsigned long count = 0;
-        if (word != "end" || !parseUnsigned(countWord, 0xFFFF, count) || hashWord.size() != 8 || (end >> extra))
+        if (word != "end" || !parseUnsigned(countWord, 0xFFFF, count) || hashWord.size() != 8 || !end.next().empty())
             return "corrupt (bad end line)";
         char hash[16];
         std::snprintf(hash, sizeof hash, "%08x", fnv1a(body));
         if (hashWord != hash) return "corrupt (its checksum does not match its contents)";
         out.records.reserve(count);
-        std::istringstream lines(body);
-        std::string line;
-        std::getline(lines, line);  // the magic line
+        // The magic line is checked; the others follow it, each ending in
+        // a newline (the body ends with one).
+        std::size_t at = body.find('\n') + 1;
         int number = 1;
         bool haveController = false;
         bool haveRepository = false;
-        while (std::getline(lines, line)) {
+        while (at < body.size()) {
+            const std::size_t lineEnd = body.find('\n', at);
+            Words in(body.substr(at, lineEnd - at));
+            at = lineEnd + 1;
             ++number;
-            std::istringstream in(line);
-            std::string key;
-            in >> key;
-            const std::string where = "corrupt (line " + std::to_string(number) + ")";
+            const std::string_view key = in.next();
+            const auto where = [number] { return "corrupt (line " + std::to_string(number) + ")"; };
             if (key == "controller" && !haveController) {
-                if (!parseHexWords(in, out.identity)) return where;
+                if (!parseHexWords(in, out.identity)) return where();
                 haveController = true;
             } else if (key == "repository" && !haveRepository) {
-                std::string v, n, a, e, extra2;
-                in >> v >> n >> a >> e;
+                const std::string_view v = in.next(), n = in.next(), a = in.next(), e = in.next();
                 unsigned long count2 = 0, addition = 0, erase = 0;
-                if (v.size() != 2 || !std::isxdigit(static_cast<unsigned char>(v[0])) ||
-                    !std::isxdigit(static_cast<unsigned char>(v[1])) || !parseUnsigned(n, 0xFFFF, count2) ||
-                    !parseUnsigned(a, 0xFFFFFFFFul, addition) || !parseUnsigned(e, 0xFFFFFFFFul, erase) ||
-                    (in >> extra2))
-                    return where;
-                out.info.version = static_cast<uint8_t>(std::strtoul(v.c_str(), nullptr, 16));
+                const int version = hexByte(v);
+                if (version < 0 || !parseUnsigned(n, 0xFFFF, count2) || !parseUnsigned(a, 0xFFFFFFFFul, addition) ||
+                    !parseUnsigned(e, 0xFFFFFFFFul, erase) || !in.next().empty())
+                    return where();
+                out.info.version = static_cast<uint8_t>(version);
                 out.info.recordCount = static_cast<uint16_t>(count2);
                 out.info.lastAddition = static_cast<uint32_t>(addition);
                 out.info.lastErase = static_cast<uint32_t>(erase);
                 haveRepository = true;
             } else if (key == "record" && haveRepository) {
                 Bytes bytes;
-                if (!parseHexWords(in, bytes)) return where;
+                if (!parseHexWords(in, bytes)) return where();
                 try {
                     out.records.push_back(SdrRecord::fromBytes(std::move(bytes)));
                 } catch (const QelSdrError& e) {
-                    return where + ": " + e.errorText;
+                    return where() + ": " + e.errorText;
                 }
             } else {
-                return where;
+                return where();
             }
         }
         if (!haveController || !haveRepository) return "corrupt (no controller or repository line)";
