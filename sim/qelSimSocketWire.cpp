@@ -146,11 +146,17 @@ void putSendReply(Writer& w, const SendReply& reply) {
 
 SendReply getSendReply(Reader& in) {
     SendReply reply;
+    getSendReply(in, reply);
+    return reply;
+}
+
+void getSendReply(Reader& in, SendReply& reply) {
+    reply.messages.clear();
+    reply.deviceFault.reset();
     reply.realTimeouts = in.u8() != 0;
     if (in.u8() != 0) reply.deviceFault = getFault(in);
     std::uint32_t count = in.u32();
     for (std::uint32_t i = 0; i < count; ++i) reply.messages.push_back(getMessage(in));
-    return reply;
 }
 
 // ---------------------------------------------------------------- frames
