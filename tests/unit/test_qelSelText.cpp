@@ -493,10 +493,11 @@ TEST(SelFields, TimestampsAreUtcPreInitOrUnspecified) {
 }
 
 TEST(SelFields, TimestampsReadAsStrftimeWritesThemAcrossTheWholeRange) {
-    // Leap days, year ends and the last second there is, and a sweep.
+    // Leap days, year ends and the last second there is, and every day
+    // (a step a second short of one) at a time of day that moves.
     std::vector<uint32_t> times = {0x20000001, 951782400 /* 2000-02-29 */, 951868799, 4107542399u /* 2100-02-28 */,
                                    4107542400u, 1704067199 /* 2023-12-31T23:59:59 */, 0xFFFFFFFE};
-    for (uint64_t t = 0x20000001; t < 0xFFFFFFFF; t += 7777777) times.push_back(static_cast<uint32_t>(t));
+    for (uint64_t t = 0x20000001; t < 0xFFFFFFFF; t += 86399) times.push_back(static_cast<uint32_t>(t));
     for (const uint32_t t : times) {
         const std::time_t seconds = t;
         std::tm parts{};

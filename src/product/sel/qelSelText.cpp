@@ -1202,15 +1202,28 @@ std::string escapeText(std::string_view text) {
 
 namespace {
 
-// "YYYY-MM-DDTHH:MM:SSZ" (20 characters) in `text`, as strftime's
-// "%Y-%m-%dT%H:%M:%SZ" writes it but without its locale machinery, which
-// was most of a record's formatting time. False for what it does not
-// cover (the caller then asks strftime).
+// "YYYY-MM-DDTHH:MM:SSZ" (20 characters) in `text`, as gmtime_r and
+// strftime's "%Y-%m-%dT%H:%M:%SZ" write it but without their time zone lock
+// and locale machinery, which were most of a record's formatting time.
+// False for what it does not cover (the caller then asks strftime).
 bool utcIn(uint32_t timestamp, char (&text)[32]) {
-    const std::time_t seconds = static_cast<std::time_t>(timestamp);
+    // The civil date of a day count (days since 1970-01-01), in eras of 400
+    // years: pure arithmetic, where gmtime_r takes the time zone lock.
+    const uint32_t days = timestamp / 86400;
+    const uint32_t secondOfDay = timestamp % 86400;
+    const uint32_t z = days + 719468;  // days since 0000-03-01
+    const uint32_t era = z / 146097;
+    const uint32_t dayOfEra = z - era * 146097;
+    const uint32_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const uint32_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const uint32_t monthFromMarch = (5 * dayOfYear + 2) / 153;
     std::tm parts{};
-    if (::gmtime_r(&seconds, &parts) == nullptr) return false;
-    const int year = parts.tm_year + 1900;
+    parts.tm_mday = static_cast<int>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1);
+    parts.tm_mon = static_cast<int>(monthFromMarch < 10 ? monthFromMarch + 2 : monthFromMarch - 10);
+    const int year = static_cast<int>(yearOfEra + era * 400) + (parts.tm_mon <= 1 ? 1 : 0);
+    parts.tm_hour = static_cast<int>(secondOfDay / 3600);
+    parts.tm_min = static_cast<int>(secondOfDay / 60 % 60);
+    parts.tm_sec = static_cast<int>(secondOfDay % 60);
     if (year < 1000 || year > 9999) return false;
     const auto two = [&text](std::size_t at, int value) {
         text[at] = static_cast<char>('0' + value / 10);
