@@ -42,7 +42,7 @@ int SocketConnection::connect(const std::string& socketPath) {
 
 int SocketConnection::call(const wire::Writer& request, std::int32_t& status, Bytes& reply) {
     if (fd_ < 0) return ENOTCONN;
-    Bytes payload;
+    Bytes& payload = payload_;
     int e = wire::writeFrame(fd_, request.data());
     if (e == 0) e = wire::readFrame(fd_, in_, payload);
     if (e == 0 && payload.size() < 4) e = EPROTO;
@@ -105,20 +105,21 @@ int SocketDeviceClient::send(void* argument) {
         errno = e;
         return -1;
     }
-    wire::Writer w;
+    wire::Writer& w = sendRequest_;
+    w.clear();
     w.u8(static_cast<unsigned>(wire::Op::Send));
     wire::putRequest(w, r);
     putUncountedSelects(w);
     std::int32_t status;
-    Bytes replyBytes;
+    Bytes& replyBytes = sendReplyBytes_;
     if (int e = connection_.call(w, status, replyBytes)) {
         errno = e;
         return -1;
     }
-    wire::SendReply reply;
+    wire::SendReply& reply = sendReply_;
     try {
         wire::Reader in(replyBytes);
-        reply = wire::getSendReply(in);
+        wire::getSendReply(in, reply);
     } catch (const wire::WireError&) {
         errno = EPROTO;
         return -1;

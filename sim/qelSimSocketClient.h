@@ -45,6 +45,8 @@ private:
     // What arrived past the frame being read (nothing, in a strict request
     // and reply conversation; kept rather than lost all the same).
     Bytes in_;
+    // The last reply's payload, its room kept for the next one.
+    Bytes payload_;
 };
 
 class SocketDeviceClient {
@@ -78,6 +80,10 @@ private:
     void putUncountedSelects(wire::Writer& w);
 
     SocketConnection connection_;
+    // A SEND's request and reply, their room kept from one to the next.
+    wire::Writer sendRequest_;
+    Bytes sendReplyBytes_;
+    wire::SendReply sendReply_;
     DeviceQueue queue_;
     bool open_ = false;
     bool realTimeouts_ = false;

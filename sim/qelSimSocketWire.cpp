@@ -16,9 +16,20 @@ Writer& Writer::u8(unsigned v) {
     return *this;
 }
 
-Writer& Writer::u16(unsigned v) { return u8(v >> 8).u8(v & 0xFF); }
+// Wider fields go in with one insert each, not byte by byte: a device
+// operation writes a dozen of them.
+Writer& Writer::u16(unsigned v) {
+    const unsigned char b[2] = {static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+    data_.insert(data_.end(), b, b + sizeof b);
+    return *this;
+}
 
-Writer& Writer::u32(std::uint32_t v) { return u16(v >> 16).u16(v & 0xFFFF); }
+Writer& Writer::u32(std::uint32_t v) {
+    const unsigned char b[4] = {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+                                static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+    data_.insert(data_.end(), b, b + sizeof b);
+    return *this;
+}
 
 Writer& Writer::u64(std::uint64_t v) {
     return u32(static_cast<std::uint32_t>(v >> 32)).u32(static_cast<std::uint32_t>(v));
@@ -47,8 +58,9 @@ unsigned Reader::u16() {
 }
 
 std::uint32_t Reader::u32() {
-    std::uint32_t hi = u16();
-    return hi << 16 | u16();
+    const unsigned char* p = take(4);
+    return static_cast<std::uint32_t>(p[0]) << 24 | static_cast<std::uint32_t>(p[1]) << 16 |
+           static_cast<std::uint32_t>(p[2]) << 8 | p[3];
 }
 
 std::uint64_t Reader::u64() {
@@ -146,11 +158,17 @@ void putSendReply(Writer& w, const SendReply& reply) {
 
 SendReply getSendReply(Reader& in) {
     SendReply reply;
+    getSendReply(in, reply);
+    return reply;
+}
+
+void getSendReply(Reader& in, SendReply& reply) {
+    reply.messages.clear();
+    reply.deviceFault.reset();
     reply.realTimeouts = in.u8() != 0;
     if (in.u8() != 0) reply.deviceFault = getFault(in);
     std::uint32_t count = in.u32();
     for (std::uint32_t i = 0; i < count; ++i) reply.messages.push_back(getMessage(in));
-    return reply;
 }
 
 // ---------------------------------------------------------------- frames

@@ -74,6 +74,8 @@ public:
     Writer& bytes(const Bytes& b);
     Writer& str(const std::string& s);
     const Bytes& data() const { return data_; }
+    // Empties it for the next payload, keeping its room.
+    void clear() { data_.clear(); }
 
 private:
     Bytes data_;
@@ -114,6 +116,8 @@ struct SendReply {
 };
 void putSendReply(Writer& w, const SendReply& reply);
 SendReply getSendReply(Reader& r);
+// The same into `out`, whose queue keeps its room (a client's every SEND).
+void getSendReply(Reader& r, SendReply& out);
 
 // The payload with its length in front.
 Bytes frame(const Bytes& payload);

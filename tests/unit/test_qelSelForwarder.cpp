@@ -545,6 +545,57 @@ TEST_F(SelForwarder, SensorNamesFromTheControllerAreEscaped) {
         for (char c : field.second) EXPECT_FALSE(static_cast<unsigned char>(c) < 0x20) << field.first;
 }
 
+// The forwarder writes most entries into strings it keeps from record to
+// record; each must still say exactly what decode() says of its record,
+// whatever came before it (longer or shorter entries, a kernel panic).
+TEST_F(SelForwarder, EveryEntryIsTheDecodedRecordWhateverCameBefore) {
+    const std::vector<RawRecord> records = {
+        ecc(1),
+        // Threshold: temperature upper critical going high, trigger reading and threshold.
+        {0, 0, 0x02, 0, 0, 0, 0, 0x20, 0x00, 0x04, 0x01, 0x07, 0x01, 0x57, 0x60, 0x50},
+        // OEM timestamped and non-timestamped records, and a type nobody defined.
+        {0, 0, 0xC1, 0, 0, 0, 0, 0x57, 0x01, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06},
+        {0, 0, 0xE0, 0x57, 0x01, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A},
+        {0, 0, 0x05, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13},
+        // A kernel panic's critical stop and its message pieces.
+        {0, 0, 0x02, 0, 0, 0, 0, 0x41, 0x00, 0x04, 0x20, 0x4F, 0x6F, 0xA1, 0x6F, 0x70},
+        {0, 0, 0xF0, 0x20, 0x00, 0x73, 0x3A, 0x20, 0x6B, 0x65, 0x72, 0x6E, 0x65, 0x6C, 0x20, 0x4E},
+        {0, 0, 0xF0, 0x20, 0x01, 0x55, 0x4C, 0x4C, 0, 0, 0, 0, 0, 0, 0, 0},
+        // A deassertion of an OEM sensor type, and a named sensor.
+        {0, 0, 0x02, 0, 0, 0, 0, 0x20, 0x00, 0x04, 0xC0, 0x09, 0xEF, 0x03, 0xFF, 0xFF},
+        {0, 0, 0x02, 0, 0, 0, 0, 0x20, 0x00, 0x04, 0x02, 0x11, 0x01, 0x52, 0x40, 0x40},
+        ecc(2),
+    };
+    for (int round = 0; round < 3; ++round)
+        for (const RawRecord& r : records) ASSERT_TRUE(sim->sel().add(r).has_value());
+    ForwarderOptions o = options();
+    o.replay = true;
+    o.sensorName = [](uint8_t, uint8_t, uint8_t number) {
+        return number == 0x11 ? std::string("P12V rail\n") : number == 0x07 ? std::string("CPU0 Temp") : std::string();
+    };
+    QelSelForwarder f(sink, o);
+    passes(f, 5);
+    size_t checked = 0;
+    for (const LogEntry& e : sink.events()) {
+        ASSERT_TRUE(e.record.has_value());
+        const qelSel::SelRecord record = qelSel::SelRecord::fromBytes(*e.record);
+        const std::string name = record.isSystemEvent() ? o.sensorName(0, 0, record.sensorNumber) : std::string();
+        const qelSel::DecodedEvent decoded = qelSel::decode(record, name);
+        char id[8];
+        std::snprintf(id, sizeof id, "0x%04X", record.recordId);
+        EXPECT_EQ(e.message, std::string("SEL record ") + id + ": " + decoded.text);
+        EXPECT_EQ(e.priority, qelSel::journalPriority(decoded.severity));
+        std::vector<std::pair<std::string, std::string>> expected;
+        for (const qelSel::JournalField& field : decoded.fields) expected.emplace_back(field.name, field.value);
+        EXPECT_EQ(e.fields, expected) << e.message;
+        ++checked;
+    }
+    // 8 plain records a round; the panic and its pieces are one entry of
+    // another kind.
+    EXPECT_EQ(checked, 3u * 8u);
+    EXPECT_THAT(sink.events(qelSel::messageId::previousBootPanicked), SizeIs(3));
+}
+
 TEST_F(SelForwarder, AControllerFailureThrowsAndTheNextPassGoesOn) {
     QelSelForwarder f(sink, options());
     add(2);

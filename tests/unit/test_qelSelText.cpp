@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <random>
 #include <set>
@@ -489,6 +490,22 @@ TEST(SelFields, TimestampsAreUtcPreInitOrUnspecified) {
     EXPECT_EQ(qelSel::timestampText(0), "pre-init +0 s");
     EXPECT_EQ(qelSel::timestampText(0xFFFFFFFF), "unspecified");
     EXPECT_EQ(qelSel::timestampText(0xFFFFFFFE), "2106-02-07T06:28:14Z");
+}
+
+TEST(SelFields, TimestampsReadAsStrftimeWritesThemAcrossTheWholeRange) {
+    // Leap days, year ends and the last second there is, and every day
+    // (a step a second short of one) at a time of day that moves.
+    std::vector<uint32_t> times = {0x20000001, 951782400 /* 2000-02-29 */, 951868799, 4107542399u /* 2100-02-28 */,
+                                   4107542400u, 1704067199 /* 2023-12-31T23:59:59 */, 0xFFFFFFFE};
+    for (uint64_t t = 0x20000001; t < 0xFFFFFFFF; t += 86399) times.push_back(static_cast<uint32_t>(t));
+    for (const uint32_t t : times) {
+        const std::time_t seconds = t;
+        std::tm parts{};
+        ASSERT_NE(::gmtime_r(&seconds, &parts), nullptr);
+        char expected[32];
+        ASSERT_NE(std::strftime(expected, sizeof expected, "%Y-%m-%dT%H:%M:%SZ", &parts), 0u);
+        EXPECT_EQ(qelSel::timestampText(t), expected) << t;
+    }
 }
 
 TEST(SelFields, ASystemEventGivesEveryFactInAFixedOrder) {

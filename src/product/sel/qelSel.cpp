@@ -1,8 +1,10 @@
 #include "qelSel.h"
 
 #include <algorithm>
+#include <bitset>
+#include <initializer_list>
 #include <memory>
-#include <set>
+#include <optional>
 #include <string>
 
 #include "qelIpmi.h"
@@ -16,7 +18,16 @@ QEL_DEFINE_ERROR(QelSelError)
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+// An answer as the transport holds it, completion code first.
+struct Reply {
+    const uint8_t* bytes;
+    std::size_t length;
+    const uint8_t& operator[](std::size_t i) const { return bytes[i]; }
+    const uint8_t* data() const { return bytes; }
+    std::size_t size() const { return length; }
+    const uint8_t* begin() const { return bytes; }
+    const uint8_t* end() const { return bytes + length; }
+};
 
 constexpr uint8_t ccOk = 0x00;
 // Get SEL Info, Get SEL Allocation Info, Reserve SEL, Get SEL Time: the
@@ -75,12 +86,18 @@ public:
         }
     }
 
-    // One exchange: the answer, completion code first. Throws when nothing
-    // or nothing but an empty answer came; a device that failed is closed,
-    // so the next request starts on a fresh one.
-    Bytes send(unsigned char command, const Bytes& data, const char* name) {
-        qelIpmi::QelIpmi_request_msg msg(netfn::storage, command, static_cast<unsigned short>(data.size()),
-                                         data.empty() ? nullptr : data.data());
+    // One exchange: the answer, completion code first, valid until the
+    // session's next request. Throws when nothing or nothing but an empty
+    // answer came; a device that failed is closed, so the next request
+    // starts on a fresh one. The request and the answer stay where the
+    // transport put them: a backlog's thousand records cost no copies.
+    Reply send(unsigned char command, std::initializer_list<uint8_t> data, const char* name) {
+        uint8_t bytes[8];  // the longest storage request here has 6
+        if (data.size() > sizeof bytes) QEL_THROW(QelSelError, std::string(name) + ": a request too long");
+        std::copy(data.begin(), data.end(), bytes);
+        msg_.emplace(netfn::storage, command, static_cast<unsigned short>(data.size()),
+                     data.size() == 0 ? nullptr : bytes);
+        qelIpmi::QelIpmi_request_msg& msg = *msg_;
         ++owner_.requests_;
         bool answered = false;
         try {
@@ -96,12 +113,12 @@ public:
         if (msg.responseLength == 0 || msg.responseData == nullptr)
             QEL_THROW(QelSelError, std::string(name) + ": an empty answer");
         owner_.lastCode_ = msg.responseData[0];
-        return Bytes(msg.responseData, msg.responseData + msg.responseLength);
+        return Reply{msg.responseData, msg.responseLength};
     }
 
     // As send, and the answer must be a success of at least `size` bytes.
-    Bytes expect(unsigned char command, const Bytes& data, const char* name, std::size_t size) {
-        Bytes r = send(command, data, name);
+    Reply expect(unsigned char command, std::initializer_list<uint8_t> data, const char* name, std::size_t size) {
+        const Reply r = send(command, data, name);
         if (r[0] != ccOk) refused(name, r[0]);
         if (r.size() < size)
             QEL_THROW(QelSelError, std::string(name) + ": an answer of " + std::to_string(r.size()) +
@@ -114,12 +131,14 @@ public:
     }
 
     uint16_t reserve() {
-        const Bytes r = expect(cmd::reserveSel, {}, "Reserve SEL", reserveResponseSize);
+        const Reply r = expect(cmd::reserveSel, {}, "Reserve SEL", reserveResponseSize);
         return le16(&r[1]);
     }
 
 private:
     QelSel& owner_;
+    // The last request and its answer (the transport's own buffer).
+    std::optional<qelIpmi::QelIpmi_request_msg> msg_;
 };
 
 QelSel::QelSel() = default;
@@ -132,7 +151,7 @@ QelSel& QelSel::operator=(QelSel&&) noexcept = default;
 
 SelInfo QelSel::info() {
     Session s(*this);
-    const Bytes r = s.expect(cmd::getSelInfo, {}, "Get SEL Info", selInfo::responseSize);
+    const Reply r = s.expect(cmd::getSelInfo, {}, "Get SEL Info", selInfo::responseSize);
     SelInfo out;
     out.version = r[selInfo::version];
     out.entries = le16(&r[selInfo::entries]);
@@ -146,7 +165,7 @@ SelInfo QelSel::info() {
 
 SelAllocationInfo QelSel::allocationInfo() {
     Session s(*this);
-    const Bytes r = s.expect(cmd::getSelAllocationInfo, {}, "Get SEL Allocation Info", allocationResponseSize);
+    const Reply r = s.expect(cmd::getSelAllocationInfo, {}, "Get SEL Allocation Info", allocationResponseSize);
     SelAllocationInfo out;
     out.possibleUnits = le16(&r[1]);
     out.unitSize = le16(&r[3]);
@@ -163,7 +182,7 @@ uint16_t QelSel::reserve() {
 
 uint32_t QelSel::time() {
     Session s(*this);
-    const Bytes r = s.expect(cmd::getSelTime, {}, "Get SEL Time", timeResponseSize);
+    const Reply r = s.expect(cmd::getSelTime, {}, "Get SEL Time", timeResponseSize);
     return le32(&r[1]);
 }
 
@@ -173,7 +192,7 @@ SelEntry QelSel::readEntry(Session& s, uint16_t id) {
     for (;;) {
         if (pieceSize_ >= recordSize) {
             // The whole record in one request; no reservation needed for it.
-            const Bytes r = s.send(cmd::getSelEntry, {0, 0, static_cast<uint8_t>(id & 0xFF),
+            const Reply r = s.send(cmd::getSelEntry, {0, 0, static_cast<uint8_t>(id & 0xFF),
                                                       static_cast<uint8_t>(id >> 8), 0, selEntry::wholeRecord},
                                    name);
             if (r[0] == cc::cannotReturnRequestedBytes) {
@@ -199,7 +218,7 @@ SelEntry QelSel::readEntry(Session& s, uint16_t id) {
         bool lost = false;
         for (unsigned int offset = 0; offset < recordSize;) {
             const unsigned int count = std::min<unsigned int>(pieceSize_, recordSize - offset);
-            const Bytes r = s.send(cmd::getSelEntry,
+            const Reply r = s.send(cmd::getSelEntry,
                                    {static_cast<uint8_t>(reservation_ & 0xFF), static_cast<uint8_t>(reservation_ >> 8),
                                     static_cast<uint8_t>(asked & 0xFF), static_cast<uint8_t>(asked >> 8),
                                     static_cast<uint8_t>(offset), static_cast<uint8_t>(count)},
@@ -259,7 +278,9 @@ SelBatch QelSel::readForward(uint16_t fromId, std::size_t maxRecords) {
     batch.nextId = fromId;
     if (maxRecords == 0) return batch;
     Session s(*this);
-    std::set<uint16_t> seen;
+    // Every record ID there can be: a set of them would allocate a node a
+    // record.
+    std::bitset<0x10000> seen;
     uint16_t id = fromId;
     while (batch.records.size() < maxRecords) {
         SelEntry e;
@@ -274,8 +295,9 @@ SelBatch QelSel::readForward(uint16_t fromId, std::size_t maxRecords) {
             throw;
         }
         checkEntry(e, id);
-        if (!seen.insert(e.record.recordId).second)
+        if (seen.test(e.record.recordId))
             QEL_THROW(QelSelError, "Get SEL Entry: the log leads back to record " + hex4(e.record.recordId));
+        seen.set(e.record.recordId);
         batch.records.push_back(e.record);
         id = e.nextId;
         if (id == lastRecordId) break;
@@ -307,14 +329,16 @@ std::optional<SelRecord> QelSel::after(uint16_t id) {
 void QelSel::clear() {
     static const char name[] = "Clear SEL";
     Session s(*this);
-    auto request = [](uint16_t reservation, uint8_t what) {
-        return Bytes{static_cast<uint8_t>(reservation & 0xFF), static_cast<uint8_t>(reservation >> 8),
-                     clearSel::clr[0], clearSel::clr[1], clearSel::clr[2], what};
+    auto send = [&s](uint16_t reservation, uint8_t what) {
+        return s.send(cmd::clearSel,
+                      {static_cast<uint8_t>(reservation & 0xFF), static_cast<uint8_t>(reservation >> 8),
+                       clearSel::clr[0], clearSel::clr[1], clearSel::clr[2], what},
+                      name);
     };
     uint16_t reservation = s.reserve();
-    Bytes r;
+    Reply r{};
     for (unsigned int lost = 0;; ++lost) {
-        r = s.send(cmd::clearSel, request(reservation, clearSel::initiate), name);
+        r = send(reservation, clearSel::initiate);
         if (r[0] != cc::reservationCancelled) break;
         if (lost >= limits_.reservationRetries)
             QEL_THROW(QelSelError, "Clear SEL: the reservation was cancelled " + std::to_string(lost + 1) + " times");
@@ -335,7 +359,7 @@ void QelSel::clear() {
         if (polls >= limits_.clearPolls)
             QEL_THROW(QelSelError, "Clear SEL: the erase was not completed after " + std::to_string(polls) + " polls");
         qelPlatform::platform().sleep(1);
-        r = s.send(cmd::clearSel, request(reservation, clearSel::getStatus), name);
+        r = send(reservation, clearSel::getStatus);
     }
 }
 

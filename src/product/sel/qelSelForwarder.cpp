@@ -16,6 +16,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 #include "qelIpmi.h"
@@ -246,19 +247,28 @@ void QelSelForwarder::loadState() {
 void QelSelForwarder::saveState(bool durable) {
     State& s = *state_;
     ++s.sequence;
-    std::ostringstream out;
-    out << stateMagic << '\n' << "controller " << s.controller << '\n' << "sequence " << s.sequence << '\n';
-    if (s.haveLast)
-        out << "last-id " << s.lastId << '\n'
-            << "last-timestamp " << s.lastTimestamp << '\n'
-            << "last-raw " << hex(s.lastRaw.data(), s.lastRaw.size()) << '\n';
+    // Written once a pass: appended piece by piece rather than through a
+    // stream, whose set-up was most of the cost of a backlog's pass.
+    std::string text;
+    text.reserve(320);
+    const auto line = [&text](const char* key, const std::string& value) {
+        text.append(key).append(1, ' ').append(value).append(1, '\n');
+    };
+    text.append(stateMagic).append(1, '\n');
+    line("controller", s.controller);
+    line("sequence", std::to_string(s.sequence));
+    if (s.haveLast) {
+        line("last-id", std::to_string(s.lastId));
+        line("last-timestamp", std::to_string(s.lastTimestamp));
+        line("last-raw", hex(s.lastRaw.data(), s.lastRaw.size()));
+    }
     if (s.haveInfo)
-        out << "info " << s.info.entries << ' ' << s.info.freeBytes << ' ' << s.info.lastAddition << ' '
-            << s.info.lastErase << ' ' << (s.info.overflow ? 1 : 0) << '\n';
-    out << "fill-reported " << s.fillReported << '\n'
-        << "overflow-reported " << (s.overflowReported ? 1 : 0) << '\n'
-        << "forwarded " << s.forwarded << '\n';
-    std::string text = out.str();
+        line("info", std::to_string(s.info.entries) + ' ' + std::to_string(s.info.freeBytes) + ' ' +
+                         std::to_string(s.info.lastAddition) + ' ' + std::to_string(s.info.lastErase) + ' ' +
+                         (s.info.overflow ? '1' : '0'));
+    line("fill-reported", std::to_string(s.fillReported));
+    line("overflow-reported", s.overflowReported ? "1" : "0");
+    line("forwarded", std::to_string(s.forwarded));
     text += "check " + checkOf(text) + "\nend\n";
 
     const std::string path = qelPlatform::platform().path(options_.statePath);
@@ -350,9 +360,19 @@ namespace {
 bool goneError(const QelSel& sel) { return sel.lastCompletionCode() == cc::requestedDataNotPresent; }
 
 bool isPanic(const DecodedEvent& event) {
+    const std::string_view panicText(field::panicText);
     for (const JournalField& f : event.fields)
-        if (f.name == field::panicText) return true;
+        if (f.name == panicText) return true;
     return false;
+}
+
+// "SEL record 0x0012: " in front of an event's text.
+void putRecordLabel(std::string& message, uint16_t recordId) {
+    static const char digits[] = "0123456789ABCDEF";
+    const char label[] = {'S', 'E', 'L', ' ', 'r', 'e', 'c', 'o', 'r', 'd', ' ', '0', 'x',
+                          digits[(recordId >> 12) & 0xF], digits[(recordId >> 8) & 0xF],
+                          digits[(recordId >> 4) & 0xF], digits[recordId & 0xF], ':', ' '};
+    message.append(label, sizeof label);
 }
 
 }  // namespace
@@ -460,13 +480,52 @@ bool QelSelForwarder::deliver(DecodedEvent& event, const SelRecord& last) {
     const bool panic = isPanic(event);
     entry.messageId = panic ? messageId::previousBootPanicked : messageId::selEvent;
     entry.priority = journalPriority(event.severity);
-    char id[16];
-    std::snprintf(id, sizeof id, "0x%04X", event.recordIds.empty() ? last.recordId : event.recordIds.front());
     entry.message.reserve(20 + event.text.size());
-    entry.message.append("SEL record ").append(id).append(": ").append(event.text);
+    putRecordLabel(entry.message, event.recordIds.empty() ? last.recordId : event.recordIds.front());
+    entry.message.append(event.text);
     entry.fields.reserve(event.fields.size());
     for (JournalField& f : event.fields) entry.fields.emplace_back(std::move(f.name), std::move(f.value));
     entry.record = last.raw;
+    return sink_.deliver(entry);
+}
+
+// One record as decode() and deliver() make its entry, written into the
+// entry the forwarder keeps: after the first records its strings have the
+// room, and a record allocates next to nothing.
+bool QelSelForwarder::deliverPlain(const SelRecord& record, const std::string& sensorName) {
+    LogEntry& entry = plain_;
+    entry.messageId.assign(messageId::selEvent);
+    entry.priority = journalPriority(severityOf(record));
+    entry.message.clear();
+    putRecordLabel(entry.message, record.recordId);
+    entry.message.append(eventText(record, sensorName));
+    auto& fields = entry.fields;
+    std::size_t used = 0;
+    visitJournalFields(record, sensorName, [this, &fields, &used](const char* name, std::string_view value) {
+        if (used == fields.size()) {
+            // Fields a shorter entry left over keep their strings' room.
+            if (spareFields_.empty()) {
+                fields.emplace_back();
+            } else {
+                fields.push_back(std::move(spareFields_.back()));
+                spareFields_.pop_back();
+            }
+        }
+        // The same field sits in the same place record after record: its
+        // name is mostly there already, and appending to a cleared string
+        // is cheaper than assign's overlap handling.
+        auto& field = fields[used];
+        const std::string_view key(name);
+        if (field.first != key) field.first.assign(key.data(), key.size());
+        field.second.clear();
+        field.second.append(value.data(), value.size());
+        ++used;
+    });
+    while (fields.size() > used) {
+        spareFields_.push_back(std::move(fields.back()));
+        fields.pop_back();
+    }
+    entry.record = record.raw;
     return sink_.deliver(entry);
 }
 
@@ -478,6 +537,13 @@ bool QelSelForwarder::feed(const SelRecord& record) {
     if (record.isSystemEvent() && options_.sensorName)
         name = options_.sensorName(static_cast<uint8_t>(record.generatorId & 0xFF),
                                    static_cast<uint8_t>((record.generatorId >> 8) & 0x03), record.sensorNumber);
+    if (!panics_.holding() && !isKernelPanicEvent(record) && !isKernelPanicPiece(record)) {
+        // What nearly every record is: one event of its own, which the panic
+        // assembler would only decode and pass through.
+        if (!deliverPlain(record, name)) return false;
+        advance(record, true);
+        return true;
+    }
     std::vector<DecodedEvent> events = panics_.feed(record, name);
     for (DecodedEvent& event : events)
         if (!deliver(event, record)) return false;

@@ -158,6 +158,7 @@ private:
     void reconcile(QelSel& sel);
     bool feed(const SelRecord& record);
     bool deliver(DecodedEvent& event, const SelRecord& last);
+    bool deliverPlain(const SelRecord& record, const std::string& sensorName);
     void advance(const SelRecord& record, bool forwarded);
     void noteFill(unsigned int percent);
     void noteOverflow(bool overflow);
@@ -168,6 +169,11 @@ private:
     std::unique_ptr<State> state_;
     std::unique_ptr<Cursor> cursor_;
     PanicAssembler panics_;
+    // The entry of a record that is an event of its own, kept with its
+    // strings' room from record to record; and the fields a longer entry
+    // had beyond the current one.
+    LogEntry plain_;
+    std::vector<std::pair<std::string, std::string>> spareFields_;
     std::unique_ptr<QelSel> sel_;
     bool identified_ = false;
     bool reconciled_ = false;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <initializer_list>
 
 namespace qelSel {
@@ -663,16 +664,43 @@ constexpr const char* kFruStateCauses[] = {
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-std::string hexDigits(uint32_t value, int digits) {
-    std::string out(static_cast<std::size_t>(digits), '0');
-    for (int i = digits - 1; i >= 0; --i) {
-        out[static_cast<std::size_t>(i)] = kHexDigits[value & 0xF];
+// "0x" and `digits` upper-case digits, built in place: it is called a dozen
+// times a record.
+std::string hex(uint32_t value, int digits = 2) {
+    std::string out(static_cast<std::size_t>(digits) + 2, '0');
+    out[1] = 'x';
+    for (std::size_t i = out.size() - 1; i >= 2; --i) {
+        out[i] = kHexDigits[value & 0xF];
         value >>= 4;
     }
     return out;
 }
 
-std::string hex(uint32_t value, int digits = 2) { return "0x" + hexDigits(value, digits); }
+// The same text in a caller's buffer, for fields that need no string of
+// their own.
+std::string_view hexIn(char (&text)[12], uint32_t value, int digits = 2) {
+    const std::size_t size = static_cast<std::size_t>(digits) + 2;
+    text[0] = '0';
+    text[1] = 'x';
+    for (std::size_t i = size - 1; i >= 2; --i) {
+        text[i] = kHexDigits[value & 0xF];
+        value >>= 4;
+    }
+    return std::string_view(text, size);
+}
+
+// Bytes as hex digits without separators (32 for a whole record) in a
+// caller's buffer.
+template <typename It>
+std::string_view hexBytesIn(char (&text)[2 * recordSize], It first, It last) {
+    std::size_t n = 0;
+    for (It it = first; it != last && n + 2 <= sizeof text; ++it) {
+        const auto byte = static_cast<uint8_t>(*it);
+        text[n++] = kHexDigits[byte >> 4];
+        text[n++] = kHexDigits[byte & 0xF];
+    }
+    return std::string_view(text, n);
+}
 
 template <typename It>
 std::string hexBytes(It first, It last, const char* separator) {
@@ -955,17 +983,42 @@ std::vector<std::string> extrasOf(const SelRecord& r) {
     return out;
 }
 
-std::string sensorLabel(const SelRecord& r, const std::string& sensorName) {
-    const std::string number = "#" + hex(r.sensorNumber);
-    if (sensorName.empty()) return sensorTypeText(r.sensorType) + " " + number;
-    return sensorTypeText(r.sensorType) + " " + escapeText(sensorName) + " (" + number + ")";
+// "Temperature #0x30" or "Temperature CPU0 Temp (#0x30)".
+void putSensorLabel(std::string& text, const SelRecord& r, const std::string& sensorName) {
+    if (const char* name = sensorTypeName(r.sensorType)) text += name;
+    else text += sensorTypeText(r.sensorType);
+    char number[12];
+    const std::string_view hexNumber = hexIn(number, r.sensorNumber);
+    text += ' ';
+    if (sensorName.empty()) {
+        text += '#';
+        text += hexNumber;
+        return;
+    }
+    text += escapeText(sensorName);
+    text += " (#";
+    text += hexNumber;
+    text += ')';
 }
 
+// Built in one string: the line is made for every record a backlog holds.
 std::string systemEventText(const SelRecord& r, const std::string& sensorName) {
-    std::string text = sensorLabel(r, sensorName) + ": " + stateTextOf(r) +
-                       (r.deassertion ? ", deasserted" : ", asserted");
+    std::string text;
+    text.reserve(160);
+    putSensorLabel(text, r, sensorName);
+    text += ": ";
+    if (const char* state = eventStateText(r.eventType, r.sensorType, offsetOf(r))) text += state;
+    else text += stateTextOf(r);
+    text += r.deassertion ? ", deasserted" : ", asserted";
     const std::vector<std::string> extras = extrasOf(r);
-    if (!extras.empty()) text += "; " + join(extras, "; ");
+    if (extras.empty()) return text;
+    text += "; ";
+    // As join(extras, "; "): no separator while nothing was written yet.
+    const std::size_t start = text.size();
+    for (const std::string& extra : extras) {
+        if (text.size() != start) text += "; ";
+        text += extra;
+    }
     return text;
 }
 
@@ -1147,13 +1200,62 @@ std::string escapeText(std::string_view text) {
     return out;
 }
 
+namespace {
+
+// "YYYY-MM-DDTHH:MM:SSZ" (20 characters) in `text`, as gmtime_r and
+// strftime's "%Y-%m-%dT%H:%M:%SZ" write it but without their time zone lock
+// and locale machinery, which were most of a record's formatting time.
+// False for what it does not cover (the caller then asks strftime).
+bool utcIn(uint32_t timestamp, char (&text)[32]) {
+    // The civil date of a day count (days since 1970-01-01), in eras of 400
+    // years: pure arithmetic, where gmtime_r takes the time zone lock.
+    const uint32_t days = timestamp / 86400;
+    const uint32_t secondOfDay = timestamp % 86400;
+    const uint32_t z = days + 719468;  // days since 0000-03-01
+    const uint32_t era = z / 146097;
+    const uint32_t dayOfEra = z - era * 146097;
+    const uint32_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const uint32_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const uint32_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    std::tm parts{};
+    parts.tm_mday = static_cast<int>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1);
+    parts.tm_mon = static_cast<int>(monthFromMarch < 10 ? monthFromMarch + 2 : monthFromMarch - 10);
+    const int year = static_cast<int>(yearOfEra + era * 400) + (parts.tm_mon <= 1 ? 1 : 0);
+    parts.tm_hour = static_cast<int>(secondOfDay / 3600);
+    parts.tm_min = static_cast<int>(secondOfDay / 60 % 60);
+    parts.tm_sec = static_cast<int>(secondOfDay % 60);
+    if (year < 1000 || year > 9999) return false;
+    const auto two = [&text](std::size_t at, int value) {
+        text[at] = static_cast<char>('0' + value / 10);
+        text[at + 1] = static_cast<char>('0' + value % 10);
+    };
+    two(0, year / 100);
+    two(2, year % 100);
+    text[4] = '-';
+    two(5, parts.tm_mon + 1);
+    text[7] = '-';
+    two(8, parts.tm_mday);
+    text[10] = 'T';
+    two(11, parts.tm_hour);
+    text[13] = ':';
+    two(14, parts.tm_min);
+    text[16] = ':';
+    two(17, parts.tm_sec);
+    text[19] = 'Z';
+    text[20] = '\0';
+    return true;
+}
+
+}  // namespace
+
 std::string timestampText(uint32_t timestamp) {
     if (timestamp == unspecifiedTimestamp) return "unspecified";
     if (timestamp <= preInitTimestampMax) return "pre-init +" + std::to_string(timestamp) + " s";
+    char text[32];
+    if (utcIn(timestamp, text)) return std::string(text, 20);
     const std::time_t seconds = static_cast<std::time_t>(timestamp);
     std::tm parts{};
     if (::gmtime_r(&seconds, &parts) == nullptr) return "+" + std::to_string(timestamp) + " s";
-    char text[32];
     if (std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
         return "+" + std::to_string(timestamp) + " s";
     return text;
@@ -1175,30 +1277,46 @@ std::string eventText(const SelRecord& r, const std::string& sensorName) {
     return "Unknown record type " + hex(r.recordType) + ", data " + oemBytesText(r);
 }
 
+void visitJournalFields(const SelRecord& r, const std::string& sensorName,
+                        const std::function<void(const char* name, std::string_view value)>& put) {
+    char number[12];
+    char bytes[2 * recordSize];
+    put(field::recordId, hexIn(number, r.recordId, 4));
+    put(field::recordType, hexIn(number, r.recordType));
+    if (r.hasTimestamp()) {
+        char text[32];
+        if (r.timestamp > preInitTimestampMax && r.timestamp != unspecifiedTimestamp && utcIn(r.timestamp, text))
+            put(field::timestamp, std::string_view(text, 20));
+        else
+            put(field::timestamp, timestampText(r.timestamp));
+    }
+    if (r.isSystemEvent()) {
+        put(field::generatorId, hexIn(number, r.generatorId, 4));
+        if (const char* name = sensorTypeName(r.sensorType)) put(field::sensorType, name);
+        else put(field::sensorType, sensorTypeText(r.sensorType));
+        put(field::sensorTypeCode, hexIn(number, r.sensorType));
+        put(field::sensorNumber, hexIn(number, r.sensorNumber));
+        if (!sensorName.empty()) put(field::sensorName, escapeText(sensorName));
+        put(field::eventType, hexIn(number, r.eventType));
+        put(field::eventDir, r.deassertion ? "deassertion" : "assertion");
+        put(field::eventData, hexBytesIn(bytes, r.eventData.begin(), r.eventData.end()));
+        if (const char* text = eventStateText(r.eventType, r.sensorType, offsetOf(r))) put(field::eventState, text);
+        else put(field::eventState, stateTextOf(r));
+    } else {
+        if (isOemTimestamped(r.recordType)) put(field::manufacturerId, hexIn(number, r.manufacturerId, 6));
+        const auto first = r.raw.begin() + (isOemTimestamped(r.recordType) ? 10 : 3);
+        put(field::oemData, hexBytesIn(bytes, first, r.raw.end()));
+    }
+    put(field::severity, severityName(severityOf(r)));
+    put(field::raw, hexBytesIn(bytes, r.raw.begin(), r.raw.end()));
+}
+
 std::vector<JournalField> journalFields(const SelRecord& r, const std::string& sensorName) {
     std::vector<JournalField> fields;
     fields.reserve(14);  // a system event's, the most a record has (with a sensor name)
-    fields.push_back({field::recordId, hex(r.recordId, 4)});
-    fields.push_back({field::recordType, hex(r.recordType)});
-    if (r.hasTimestamp()) fields.push_back({field::timestamp, timestampText(r.timestamp)});
-    if (r.isSystemEvent()) {
-        fields.push_back({field::generatorId, hex(r.generatorId, 4)});
-        fields.push_back({field::sensorType, sensorTypeText(r.sensorType)});
-        fields.push_back({field::sensorTypeCode, hex(r.sensorType)});
-        fields.push_back({field::sensorNumber, hex(r.sensorNumber)});
-        if (!sensorName.empty()) fields.push_back({field::sensorName, escapeText(sensorName)});
-        fields.push_back({field::eventType, hex(r.eventType)});
-        fields.push_back({field::eventDir, r.deassertion ? "deassertion" : "assertion"});
-        fields.push_back({field::eventData, hexBytes(r.eventData.begin(), r.eventData.end(), "")});
-        fields.push_back({field::eventState, stateTextOf(r)});
-    } else {
-        if (isOemTimestamped(r.recordType))
-            fields.push_back({field::manufacturerId, hex(r.manufacturerId, 6)});
-        const auto first = r.raw.begin() + (isOemTimestamped(r.recordType) ? 10 : 3);
-        fields.push_back({field::oemData, hexBytes(first, r.raw.end(), "")});
-    }
-    fields.push_back({field::severity, severityName(severityOf(r))});
-    fields.push_back({field::raw, hexBytes(r.raw.begin(), r.raw.end(), "")});
+    visitJournalFields(r, sensorName, [&fields](const char* name, std::string_view value) {
+        fields.push_back({name, std::string(value)});
+    });
     return fields;
 }
 

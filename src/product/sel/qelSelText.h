@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -191,6 +192,13 @@ QEL_EXPORT std::string eventText(const SelRecord& record, const std::string& sen
 // then severity and the raw bytes.
 QEL_EXPORT std::vector<JournalField> journalFields(const SelRecord& record,
                                                    const std::string& sensorName = {});
+
+// The same fields, in the same order, handed one at a time to `put` rather
+// than collected: `value` lasts only for the call. For a caller that keeps
+// its own strings from record to record (the forwarder) and would otherwise
+// allocate every name and value anew.
+QEL_EXPORT void visitJournalFields(const SelRecord& record, const std::string& sensorName,
+                                   const std::function<void(const char* name, std::string_view value)>& put);
 
 // All three for one record.
 [[nodiscard]] QEL_EXPORT DecodedEvent decode(const SelRecord& record,
