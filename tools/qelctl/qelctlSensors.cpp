@@ -107,7 +107,7 @@ Json sensorsDocument(const SensorOptions& options) {
         if (!options.state.empty() && (!s.state || qelSensors::stateName(*s.state) != options.state)) continue;
         list.push_back(sampleDocument(s));
     }
-    return Json{{"sensors", list}, {"requests", reader.requestsSent()}};
+    return Json{{"sensors", std::move(list)}, {"requests", reader.requestsSent()}};
 }
 
 // The thresholds there are, lowest first: "lc 10.773, uc 13.167".
