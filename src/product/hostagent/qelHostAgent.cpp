@@ -245,10 +245,7 @@ void QelHostAgent::main_action(int& exitCode) {
     exitCode = 0;
 
     if (watchdogMode) {
-        // A timer the agent never ran (no configuration space, no settings of
-        // its own) is somebody else's: it is left as it is.
-        if (keepsWatchdog && (confSpace != nullptr || options_.watchdogSeconds != 0))
-            guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
+        if (keepsWatchdog) guarded("watchdog", [] { stop_watchdog(agentTimerUse); });
         guarded("agent connection status", [&] {
             if (confSpace != nullptr) confSpace->changeAgentConnectionStatus(QelConfSpaceData::AgentDisconnected);
         });
@@ -293,7 +290,7 @@ void QelHostAgent::keepWatchdog(int& countdown, unsigned int& period) {
         if (settingsReadAt_ == 0) {
             if (confSpace == nullptr && options_.watchdogSeconds == 0)
                 logText(LOG_NOTICE, "the controller has no configuration space to hold the watchdog settings: qeld "
-                                    "does not keep the BMC watchdog (qeld --watchdog SECONDS turns it on)");
+                                    "does not run the BMC watchdog (qeld --watchdog SECONDS turns it on)");
             else if (confSpace == nullptr)
                 logText(LOG_INFO, "the controller has no configuration space: qeld keeps the BMC watchdog with "
                                   "its own settings (--watchdog, --watchdog-action)");

@@ -16,7 +16,8 @@
 //   pass: the board takes it as the host's heartbeat. A controller without a
 //   configuration space (another make's) holds no settings for the timer:
 //   Options::watchdogSeconds and watchdogAction stand in for them there, and
-//   without them the agent leaves that timer alone, at its end too.
+//   without them the agent never arms that timer (it still stops it at its
+//   end, as it always has).
 // - Every other step (OS status, the facts, the network inventory, the
 //   configuration space, the PNI records, the board) runs guarded: an
 //   exception is caught and logged, and the next pass comes. A failure is
@@ -96,7 +97,7 @@ public:
         // The watchdog where the controller has no configuration space (a
         // controller of another make): nowhere there holds the settings an
         // administrator gives the agent's timer, so these stand in for them.
-        // 0 seconds (the default): the agent does not keep the timer there.
+        // 0 seconds (the default): the agent does not arm the timer there.
         // Otherwise the timer (SMS/OS) runs with this time (at least 240 s,
         // as the configured one) and action (0 none, 1 hard reset, 2 power
         // down, 3 power cycle). Where the configuration space exists, its
