@@ -381,11 +381,11 @@ def samples(path):
     except Exception as e:
         problems.append("%s does not parse: %s" % (path, e))
         return []
-def value(found, name, **labels):
+def value(found, metric, **labels):
     for s in found:
-        if s.name == name and all(s.labels.get(k) == v for k, v in labels.items()):
+        if s.name == metric and all(s.labels.get(k) == v for k, v in labels.items()):
             return s.value
-    problems.append("no %s%s" % (name, labels or ""))
+    problems.append("no %s%s" % (metric, labels or ""))
 for path in sys.argv[1:]:
     found = samples(path)
     for c in ("bmc", "bmc-watchdog", "sel", "ipmi", "dcmi", "chassis"):
