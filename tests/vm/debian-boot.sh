@@ -28,7 +28,8 @@
 # The packages are scripts/package.sh's. The old version for the upgrade is
 # the same package repacked with a lower version (~vmprev), so the upgrade
 # runs the maintainer scripts' upgrade path. QEL_SKIP_VM=1 skips (exit 77);
-# QEL_VM_DEBIAN_RUNS names the runs ("debian negative", the default).
+# QEL_VM_DEBIAN_RUNS names the runs ("debian negative", the default;
+# "bench" is bench/bench_debian_boot.sh's, see run_bench).
 # $QEL_DEBIAN_BOOT_LIMIT bounds the debian run (seconds, 2400).
 set -uo pipefail
 
@@ -186,10 +187,64 @@ run_negative() {
   fi
 }
 
+# ---------------------------------------------------------------- bench
+# bench/bench_debian_boot.sh's runs. bench: one boot installs the package
+# (an overlay of the root kept as the bench's disk), then
+# $QEL_VM_BENCH_BOOTS boots (3) each from a fresh overlay of that disk:
+# the time from QEMU's start to qeld.service active, and the VM's and the
+# agent's CPU over qel.span= seconds with the forwarder, without it
+# (--no-sel) and with the agent stopped. Prints "BENCH ..." lines.
+# bench_boot NAME DISK LIMIT KERNEL-ARGS...: one boot that ends by powering
+# off (-no-reboot); the seconds from QEMU's start to the kernel's in
+# $kernel_at (the guest's marker carries its uptime).
+bench_boot() {
+  local name=$1 disk=$2 limit=$3 start rc seen=0; shift 3
+  local dir=$out/$name
+  rm -rf "$dir"; mkdir -p "$dir"
+  qemu_cmd "$name" "$disk" "$@"
+  cmd+=(-no-reboot)
+  start=$(now)
+  timeout -k 5 "$limit" "${cmd[@]}" </dev/null >"$dir/qemu.out" 2>&1 &
+  local qpid=$!
+  kernel_at=
+  while kill -0 "$qpid" 2>/dev/null; do
+    if [ "$seen" = 0 ] && [ "$(marker "$name" QEL-VM-BOOT)" -ge 1 ]; then
+      local up
+      up=$(tr -d '\r' < "$dir/test.raw" | sed -n 's/^QEL-VM-BOOT .*uptime=\([0-9.]*\).*/\1/p' | head -1)
+      kernel_at=$(awk -v a="$start" -v b="$(now)" -v u="$up" 'BEGIN { printf "%.1f", b - a - u }')
+      seen=1
+    fi
+    sleep 0.2
+  done
+  wait "$qpid"; rc=$?
+  tr -d '\r' < "$dir/test.raw" > "$dir/test.log"
+  sed "s/^/[$name] /" "$dir/test.log"
+  [ "$rc" -eq 0 ] && grep -q '^QEL-VM-STATUS 0' "$dir/test.log"
+}
+run_bench() {
+  local base=$out/bench-base.qcow2 span=${QEL_VM_BENCH_SPAN:-600} i n=${QEL_VM_BENCH_BOOTS:-3}
+  rm -f "$base"
+  qemu-img create -q -f qcow2 -b "$(readlink -f "$out/debian-root.img")" -F raw "$base" \
+    || fatal "cannot make the bench's disk"
+  bench_boot bench-install "$base" 1200 qel.test=bench-install || { failed+=(bench-install); return; }
+  for i in $(seq 1 "$n"); do
+    rm -f "$out/bench-$i.qcow2"
+    qemu-img create -q -f qcow2 -b "$base" -F qcow2 "$out/bench-$i.qcow2" || fatal "cannot make a bench overlay"
+    if bench_boot "bench-$i" "$out/bench-$i.qcow2" $((span * 3 + 1200)) qel.test=bench "qel.span=$span"; then
+      local active
+      active=$(sed -n 's/^BENCH active: qeld.service active \([0-9.]*\) s.*/\1/p' "$out/bench-$i/test.log")
+      echo "BENCH boot $i: kernel started ${kernel_at:-?} s after QEMU's start; qeld.service active $(awk -v k="${kernel_at:-0}" -v a="$active" 'BEGIN { printf "%.1f", k + a }') s after QEMU's start"
+    else
+      failed+=("bench-$i")
+    fi
+  done
+}
+
 for run in ${QEL_VM_DEBIAN_RUNS:-debian negative}; do
   case $run in
     debian) run_debian ;;
     negative) run_negative ;;
+    bench) run_bench ;;
     *) fatal "no run named '$run'" ;;
   esac
 done

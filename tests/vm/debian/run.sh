@@ -130,9 +130,12 @@ boot_install() {
   echo '# site option kept across upgrades' >> /etc/default/qeld
   opts=$(sha256sum /etc/default/qeld)
   mkdir -p /var/lib/qeld && echo kept > /var/lib/qeld/qel-vm-marker
-  libstate=$(cd /var/lib/qeld && find . -type f | sort | xargs sha256sum)
+  # The agent's own state moves on (the event log forwarder's place in the
+  # log): what must survive is every file, and the place itself, which shows
+  # as no record forwarded a second time by the new agent.
+  libfiles=$(cd /var/lib/qeld && find . -type f | sort)
   (while :; do
-     printf '%s %s\n' "$(mono)" "$(wd_running && echo running || echo Stopped)"
+     printf '%s %s\n' "$(mono)" "$(wd_moving && echo running || echo Stopped)"
    done) > "$state/upgrade-timer.log" 2>/dev/null &
   sampler=$!
   oldpid=$(prop MainPID)
@@ -145,7 +148,9 @@ boot_install() {
     "$(dpkg-query -W -f='${Version}' qeld)"
   check "upgrade: the agent restarted" restarted_from "$oldpid"
   check_eq "upgrade: /etc/default/qeld kept" "$opts" "$(sha256sum /etc/default/qeld)"
-  check_eq "upgrade: /var/lib/qeld kept" "$libstate" "$(cd /var/lib/qeld && find . -type f | sort | xargs sha256sum)"
+  check_eq "upgrade: the files in /var/lib/qeld kept" "$libfiles" "$(cd /var/lib/qeld && find . -type f | sort)"
+  check_eq "upgrade: the site's file in /var/lib/qeld unchanged" kept "$(cat /var/lib/qeld/qel-vm-marker)"
+  check_eq "upgrade: event log records forwarded twice" "" "$(forwarded_twice)"
   # The longest stretch in which the timer was not running, against the
   # restart itself (from the old agent's end to the new one's READY=1).
   gap=$(awk '/Stopped/ { if (s == "") s = $1; e = $1 } !/Stopped/ { if (s != "") { d = e - s + 0.5; if (d > m) m = d; s = "" } }
@@ -221,6 +226,36 @@ boot_second() {
   check_eq "span: the System Info Parameters note, still once" 1 \
     "$(journal_count 'does not know Set System Info Parameters')"
 
+  # The event log into the journal: a record added by hand (a temperature
+  # event, as a sensor would log it) is in the journal within about a
+  # minute with its fields; one logged while the agent is stopped is
+  # forwarded when it starts again; none twice.
+  id=$(add_event 20 00 01 30 01 59 5a 55)
+  t=$(mono)
+  if [ -n "$id" ] && wait_until 90 forwarded "$id"; then
+    pass "SEL: record $id in the journal after $(awk -v a="$t" -v b="$(mono)" 'BEGIN { printf "%.0f", b - a }') s"
+    entry=$(journal_json | grep "\"QEL_SEL_RECORD_ID\":\"$(hex16 "$id")\"")
+    info "SEL: journal entry: $entry"
+    check "SEL: the entry's event data" matches "$entry" '"QEL_SEL_EVENT_DATA":"595A55"'
+    check "SEL: the entry's sensor type" matches "$entry" '"QEL_SEL_SENSOR_TYPE_CODE":"0x01"'
+    check "SEL: the entry's sensor number" matches "$entry" '"QEL_SEL_SENSOR_NUMBER":"0x30"'
+    check "SEL: the entry's message names the sensor type" matches "$entry" '"MESSAGE":"[^"]*[Tt]emperature'
+  else
+    fail "SEL: record '$id' not in the journal within 90 s"
+    show_unit
+  fi
+  systemctl stop qeld.service
+  id=$(add_event 20 00 02 31 01 57 5a 55)
+  systemctl start qeld.service
+  t=$(mono)
+  if [ -n "$id" ] && wait_until 90 forwarded "$id"; then
+    pass "SEL: record $id, logged while the agent was stopped, in the journal $(awk -v a="$t" -v b="$(mono)" 'BEGIN { printf "%.0f", b - a }') s after the start"
+  else
+    fail "SEL: record '$id', logged while the agent was stopped, not in the journal within 90 s of the start"
+    show_unit
+  fi
+  check_eq "SEL: records forwarded twice" "" "$(forwarded_twice)"
+
   # One owner for the timer: with ipmi_watchdog loaded and systemd using it
   # (RuntimeWatchdogSec=), the agent leaves the timer to the kernel.
   modprobe ipmi_watchdog
@@ -236,6 +271,7 @@ boot_second() {
   check_eq "kernel owner: the timer's period is systemd's, not the agent's" 30 \
     "$(wd 'Initial Countdown' | sed -n 's/^\([0-9]*\).*/\1/p')"
   check "kernel owner: the timer running" wd_running
+  ipmitool mc watchdog get 2>&1 | sed 's/^/INFO: kernel owner: /'
   check_never_expired "kernel owner"
   rm /etc/systemd/system.conf.d/qel-vm.conf
   systemctl daemon-reexec
@@ -278,10 +314,68 @@ boot_negative() {
   finish
 }
 
+# ------------------------------------------------------------------ bench
+# The agent's cost on the real driver (bench/bench_debian_boot.sh). A disk
+# the bench prepared with qel.test=bench-install; every bench boot starts
+# from it afresh. The VM's CPU (all non-idle time of /proc/stat) and the
+# agent's (its unit's CPUUsageNSec) over qel.span= seconds, three times:
+# the agent as installed (with the event log forwarder), the agent with
+# --no-sel, and the agent stopped.
+bench_install() {
+  udevadm settle --timeout=300
+  mkdir -p /etc/systemd/system/qeld.service.d
+  printf '[Service]\nEnvironment="QELD_OPTIONS=--watchdog 300 --watchdog-action reset"\n' \
+    > /etc/systemd/system/qeld.service.d/watchdog.conf
+  check "apt-get install $new_deb" install_qeld "$new_deb"
+  check "qeld.service active" wait_until 120 unit_active
+  check "the controller's timer running" wait_until 30 wd_running
+  finish
+}
+# Non-idle clock ticks of the whole VM (user, nice, system, irq, softirq,
+# steal), and ticks a second.
+vm_busy() { awk '/^cpu / { print $2 + $3 + $4 + $7 + $8 + $9 }' /proc/stat; }
+# bench_span LABEL: the VM's and the agent's CPU over the span.
+bench_span() {
+  a=$(vm_busy); c0=$(prop CPUUsageNSec); t0=$(mono)
+  sleep "$span"
+  b=$(vm_busy); c1=$(prop CPUUsageNSec); t1=$(mono)
+  hz=$(getconf CLK_TCK)
+  case $c0$c1 in *[!0-9]*|'') agent=-;; *) agent=$(awk -v a="$c0" -v b="$c1" 'BEGIN { printf "%.3f", (b - a) / 1e9 }');; esac
+  echo "BENCH $1: VM CPU $(awk -v a="$a" -v b="$b" -v hz="$hz" 'BEGIN { printf "%.3f", (b - a) / hz }') s, agent CPU $agent s over $(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.1f", b - a }') s"
+}
+bench_boot() {
+  span=$(sed -n 's/.*qel\.span=\([0-9]*\).*/\1/p' /proc/cmdline)
+  if wait_until 120 unit_active; then
+    echo "BENCH active: qeld.service active $(awk -v us="$(prop ActiveEnterTimestampMonotonic)" 'BEGIN { printf "%.3f", us / 1e6 }') s after the kernel started"
+  else
+    fail "qeld.service not active: $(systemctl is-active qeld.service)"
+    return 1
+  fi
+  # The boot's own work (udev, the first pass, the journal's flush) is
+  # over before anything is measured.
+  udevadm settle --timeout=300
+  sleep 30
+  bench_span "with the forwarder"
+  printf '[Service]\nEnvironment="QELD_OPTIONS=--watchdog 300 --watchdog-action reset --no-sel"\n' \
+    > /etc/systemd/system/qeld.service.d/watchdog.conf
+  systemctl daemon-reload
+  systemctl restart qeld.service
+  check "--no-sel: qeld.service active" wait_until 120 unit_active
+  sleep 30
+  bench_span "without the forwarder"
+  systemctl stop qeld.service
+  sleep 30
+  bench_span "agent stopped"
+  check_never_expired "bench"
+  finish
+}
+
 case $test:$boot in
   debian:1) boot_install; exit 0 ;;
   debian:2) boot_second ;;
   negative:*) boot_negative ;;
+  bench-install:*) bench_install ;;
+  bench:*) bench_boot ;;
   *) echo "QEL-VM-ERROR no test '$test' for boot $boot"; false ;;
 esac
 echo "QEL-VM-STATUS $? boot=$boot uptime=$(mono)"
