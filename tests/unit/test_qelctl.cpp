@@ -35,6 +35,7 @@
 #include "qelSimFru.h"
 #include "qelSimSdr.h"
 #include "qelSimSystemInfo.h"
+#include "qelSimWatchdog.h"
 #include "qelctlCommands.h"
 #include "qelctlTextfile.h"
 
@@ -859,7 +860,8 @@ TEST_F(QelctlSensorMetrics, TheFamiliesAreExactlyTheDocumentedOnes) {
         "ipmi_dcmi_power_consumption_watts", "ipmi_chassis_power_state", "ipmi_sel_logs_count",
         "ipmi_sel_free_space_bytes", "ipmi_bmc_watchdog_timer_state", "ipmi_bmc_watchdog_timer_use_state",
         "ipmi_bmc_watchdog_timeout_action_state", "ipmi_bmc_watchdog_pretimeout_interval_seconds",
-        "ipmi_bmc_watchdog_initial_countdown_seconds", "ipmi_bmc_watchdog_current_countdown_seconds"};
+        "ipmi_bmc_watchdog_initial_countdown_seconds", "ipmi_bmc_watchdog_current_countdown_seconds",
+        "ipmi_bmc_watchdog_logging_state", "ipmi_bmc_watchdog_pretimeout_interrupt_state"};
     std::set<std::string> seen;
     for (const Sample& s : metrics()) {
         seen.insert(s.name);
@@ -1014,6 +1016,47 @@ TEST_F(QelctlSensorMetrics, AControllerWithoutAConfigurationSpaceIsNoError) {
     EXPECT_EQ(value(samples, "ipmi_up", {{"collector", "bmc-watchdog"}}), "1");
     EXPECT_EQ(sim->requests(qelIpmi::netfn::oemGroup, qelIpmi::cmd::configSpace).size(), 1u)
         << "the first refusal says there is no configuration space";
+}
+
+// The watchdog under the exporter's label texts, every value listed with
+// 0 but the current one: BIOS POST, power cycle, NMI, logging off.
+TEST_F(QelctlSensorMetrics, TheWatchdogUsesTheExportersLabelTexts) {
+    qelSim::WatchdogState state;
+    state.initialized = true;
+    state.timerUse = 2;
+    state.timeoutAction = 3;
+    state.preTimeoutInterrupt = 2;
+    state.preTimeoutInterval = 10;
+    state.dontLog = true;
+    state.initialCountdown = 1200;
+    state.presentCountdown = 1200;
+    sim->watchdog().preset(state);
+    const CommandRun run = runMetrics({"--collectors", "bmc-watchdog"});
+    ASSERT_EQ(run.status, qelctl::exitOk) << run.err;
+    const auto samples = parseExposition(run.out);
+    const std::map<std::string, std::vector<std::string>> families = {
+        {"ipmi_bmc_watchdog_timer_use_state", {"BIOS FRB2", "BIOS POST", "OS LOAD", "SMS/OS", "OEM"}},
+        {"ipmi_bmc_watchdog_timeout_action_state", {"None", "Hard Reset", "Power Down", "Power Cycle"}},
+        {"ipmi_bmc_watchdog_pretimeout_interrupt_state",
+         {"None", "SMI", "NMI / Diagnostic Interrupt", "Messaging Interrupt"}}};
+    const std::map<std::string, std::string> labelName = {{"ipmi_bmc_watchdog_timer_use_state", "name"},
+                                                          {"ipmi_bmc_watchdog_timeout_action_state", "action"},
+                                                          {"ipmi_bmc_watchdog_pretimeout_interrupt_state", "interrupt"}};
+    const std::map<std::string, std::string> current = {{"ipmi_bmc_watchdog_timer_use_state", "BIOS POST"},
+                                                        {"ipmi_bmc_watchdog_timeout_action_state", "Power Cycle"},
+                                                        {"ipmi_bmc_watchdog_pretimeout_interrupt_state",
+                                                         "NMI / Diagnostic Interrupt"}};
+    for (const auto& [family, values] : families) {
+        std::size_t listed = 0;
+        for (const Sample& s : samples) listed += s.name == family;
+        EXPECT_EQ(listed, values.size()) << family;
+        for (const std::string& v : values)
+            EXPECT_EQ(value(samples, family, {{labelName.at(family), v}}), v == current.at(family) ? "1" : "0")
+                << family << " " << v;
+    }
+    EXPECT_EQ(value(samples, "ipmi_bmc_watchdog_logging_state", {}), "0");
+    EXPECT_EQ(value(samples, "ipmi_bmc_watchdog_pretimeout_interval_seconds", {}), "10");
+    EXPECT_EQ(value(samples, "ipmi_bmc_watchdog_initial_countdown_seconds", {}), "120");
 }
 
 }  // namespace

@@ -204,20 +204,38 @@ bool readBmc(Exposition& out) {
     return true;
 }
 
-const char* const timerUseNames[] = {"reserved", "BIOS FRB2", "BIOS/POST", "OS Load", "SMS/OS", "OEM"};
-const char* const actionNames[] = {"none", "hard reset", "power down", "power cycle"};
+// The label values of the exporter's bmc-watchdog collector, beside the
+// texts of `qelctl watchdog` they stand for: dashboards select on the
+// exporter's exact spellings, and list every value with 0 but the current.
+struct WatchdogLabel {
+    const char* ours;
+    const char* label;
+};
+const WatchdogLabel timerUseLabels[] = {
+    {"BIOS FRB2", "BIOS FRB2"}, {"BIOS/POST", "BIOS POST"}, {"OS Load", "OS LOAD"}, {"SMS/OS", "SMS/OS"}, {"OEM", "OEM"}};
+const WatchdogLabel actionLabels[] = {
+    {"none", "None"}, {"hard reset", "Hard Reset"}, {"power down", "Power Down"}, {"power cycle", "Power Cycle"}};
+const WatchdogLabel interruptLabels[] = {{"none", "None"},
+                                         {"SMI", "SMI"},
+                                         {"NMI / diagnostic interrupt", "NMI / Diagnostic Interrupt"},
+                                         {"messaging interrupt", "Messaging Interrupt"}};
 
 bool readWatchdog(Exposition& out) {
     const Json wd = watchdogDocument();
     out.add("qel_up", "1 when the controller answered Get Watchdog Timer", "", 1);
     out.add("ipmi_bmc_watchdog_timer_state", "Watchdog timer running (1: running, 0: stopped)", "",
             wd["running"].get<bool>() ? 1 : 0);
-    for (const char* use : timerUseNames)
-        out.add("ipmi_bmc_watchdog_timer_use_state", "Watchdog timer use (1: the current one)", label("name", use),
-                wd["timer_use"] == use ? 1 : 0);
-    for (const char* a : actionNames)
-        out.add("ipmi_bmc_watchdog_timeout_action_state", "Watchdog timeout action (1: the current one)",
-                label("action", a), wd["timeout_action"] == a ? 1 : 0);
+    for (const WatchdogLabel& use : timerUseLabels)
+        out.add("ipmi_bmc_watchdog_timer_use_state", "Watchdog timer use (1: active, 0: inactive)",
+                label("name", use.label), wd["timer_use"] == use.ours ? 1 : 0);
+    out.add("ipmi_bmc_watchdog_logging_state", "Watchdog log flag (1: enabled, 0: disabled)", "",
+            wd["dont_log"].get<bool>() ? 0 : 1);
+    for (const WatchdogLabel& a : actionLabels)
+        out.add("ipmi_bmc_watchdog_timeout_action_state", "Watchdog timeout action (1: active, 0: inactive)",
+                label("action", a.label), wd["timeout_action"] == a.ours ? 1 : 0);
+    for (const WatchdogLabel& i : interruptLabels)
+        out.add("ipmi_bmc_watchdog_pretimeout_interrupt_state", "Watchdog pre-timeout interrupt (1: active, 0: inactive)",
+                label("interrupt", i.label), wd["pre_timeout_interrupt"] == i.ours ? 1 : 0);
     out.add("ipmi_bmc_watchdog_pretimeout_interval_seconds", "Watchdog pre-timeout interval in seconds", "",
             wd["pre_timeout_interval"].get<double>());
     out.add("ipmi_bmc_watchdog_initial_countdown_seconds", "Watchdog initial countdown in seconds", "",
