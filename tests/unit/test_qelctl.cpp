@@ -861,7 +861,8 @@ TEST_F(QelctlSensorMetrics, TheFamiliesAreExactlyTheDocumentedOnes) {
         "ipmi_sel_free_space_bytes", "ipmi_bmc_watchdog_timer_state", "ipmi_bmc_watchdog_timer_use_state",
         "ipmi_bmc_watchdog_timeout_action_state", "ipmi_bmc_watchdog_pretimeout_interval_seconds",
         "ipmi_bmc_watchdog_initial_countdown_seconds", "ipmi_bmc_watchdog_current_countdown_seconds",
-        "ipmi_bmc_watchdog_logging_state", "ipmi_bmc_watchdog_pretimeout_interrupt_state"};
+        "ipmi_bmc_watchdog_logging_state", "ipmi_bmc_watchdog_pretimeout_interrupt_state",
+        "ipmi_chassis_drive_fault_state", "ipmi_chassis_cooling_fault_state"};
     std::set<std::string> seen;
     for (const Sample& s : metrics()) {
         seen.insert(s.name);
@@ -942,6 +943,22 @@ TEST_F(QelctlSensorMetrics, ChassisPowerStateFollowsTheController) {
     EXPECT_EQ(value(metrics({"--collectors", "chassis"}), "ipmi_chassis_power_state"), "1");
 }
 
+// The drive and cooling faults of Get Chassis Status, 1 while there is none
+// (the exporter's sense), each from its own bit.
+TEST_F(QelctlSensorMetrics, ChassisFaultStatesAreOneWithoutAFault) {
+    const struct {
+        unsigned char misc;
+        const char* drive;
+        const char* cooling;
+    } cases[] = {{0x00, "1", "1"}, {0x04, "0", "1"}, {0x08, "1", "0"}, {0x0C, "0", "0"}};
+    for (const auto& c : cases) {
+        sim->chassis().setMiscState(c.misc);
+        const auto samples = metrics({"--collectors", "chassis"});
+        EXPECT_EQ(value(samples, "ipmi_chassis_drive_fault_state"), c.drive) << int(c.misc);
+        EXPECT_EQ(value(samples, "ipmi_chassis_cooling_fault_state"), c.cooling) << int(c.misc);
+    }
+}
+
 // With --collectors only the chosen collectors ask the controller. With
 // the records in the cache, the sensors cost one Get Sensor Reading each,
 // plus the repository's info and a Get Device ID (which controller the cache
@@ -957,7 +974,7 @@ TEST_F(QelctlSensorMetrics, CollectorsChooseWhatIsAskedAndSensorsCostOneRequestE
     std::size_t sensors = 0;
     for (const Sample& s : samples)
         if (s.name.size() > 6 && s.name.compare(s.name.size() - 6, 6, "_state") == 0 &&
-            s.name != "ipmi_chassis_power_state")
+            s.name.rfind("ipmi_chassis_", 0) != 0)
             ++sensors;
     EXPECT_EQ(sensors, 9u);
     EXPECT_EQ(sim->requests(0x04, 0x2D).size(), sensors) << "one Get Sensor Reading a sensor";

@@ -12,7 +12,8 @@
 //                 and the others by units, each with its *_state, and
 //                 ipmi_sensor_value/ipmi_sensor_state for the rest
 //   dcmi          the DCMI power reading: ipmi_dcmi_power_consumption_watts
-//   chassis       Get Chassis Status: ipmi_chassis_power_state
+//   chassis       Get Chassis Status: ipmi_chassis_power_state, _drive_fault_state,
+//                 _cooling_fault_state
 // --collectors chooses them (all by default). What the host itself says (qeld
 // running, the interfaces, the event log forwarder's figures) is always
 // there and costs the controller nothing.
@@ -337,6 +338,11 @@ bool readChassis(Exposition& out, qelSensors::QelSensorReader& reader) {
     const std::optional<qelSensors::ChassisStatus> chassis = reader.readChassisStatus();
     if (!chassis) throw Failure(reader.lastProblem());
     out.add("ipmi_chassis_power_state", "Current power state (1=on, 0=off).", "", chassis->powerOn ? 1 : 0);
+    // 1 while there is no fault, as the exporter counts them.
+    out.add("ipmi_chassis_drive_fault_state", "Current drive fault state (1=false, 0=true).", "",
+            chassis->driveFault ? 0 : 1);
+    out.add("ipmi_chassis_cooling_fault_state", "Current Cooling/fan fault state (1=false, 0=true).", "",
+            chassis->coolingFault ? 0 : 1);
     return true;
 }
 
