@@ -38,16 +38,18 @@ stats() {
 }
 echo
 echo "== $boots boots, spans of $span s (min / median / max (boots))"
-echo "QEMU start to qeld.service active, s:   $(sed -n 's/.*BENCH boot [0-9]*: .*qeld.service active \([0-9.]*\) s after QEMU.*/\1/p' "$log" | stats)"
+row() { printf '%-46s %s\n' "$1" "$2"; }
+row "QEMU's start to qeld.service active, s" \
+  "$(sed -n 's/.*BENCH boot [0-9]*: .*qeld.service active \([0-9.]*\) s after QEMU.*/\1/p' "$log" | stats)"
 for what in "with the forwarder" "without the forwarder" "agent stopped"; do
-  echo "VM CPU, $what, s:$(printf '%*s' $((22 - ${#what})) '') $(sed -n "s/.*BENCH $what: VM CPU \([0-9.]*\) s.*/\1/p" "$log" | stats)"
+  row "VM CPU, $what, s" "$(sed -n "s/.*BENCH $what: VM CPU \([0-9.]*\) s.*/\1/p" "$log" | stats)"
 done
 for what in "with the forwarder" "without the forwarder"; do
-  echo "agent CPU, $what, s:$(printf '%*s' $((19 - ${#what})) '') $(sed -n "s/.*BENCH $what: .*agent CPU \([0-9.]*\) s.*/\1/p" "$log" | stats)"
+  row "agent CPU, $what, s" "$(sed -n "s/.*BENCH $what: .*agent CPU \([0-9.]*\) s.*/\1/p" "$log" | stats)"
 done
 # The agent's cost per boot: the VM's CPU with it less without it.
 for what in "with the forwarder" "without the forwarder"; do
-  echo "VM CPU $what less stopped, s:$(printf '%*s' $((22 - ${#what})) '') $(paste \
+  row "VM CPU $what less stopped, s" "$(paste \
     <(sed -n "s/.*BENCH $what: VM CPU \([0-9.]*\) s.*/\1/p" "$log") \
     <(sed -n "s/.*BENCH agent stopped: VM CPU \([0-9.]*\) s.*/\1/p" "$log") |
     awk 'NF == 2 { printf "%.3f\n", $1 - $2 }' | stats)"

@@ -229,7 +229,7 @@ run_bench() {
   bench_boot bench-install "$base" 1200 qel.test=bench-install || { failed+=(bench-install); return; }
   for i in $(seq 1 "$n"); do
     rm -f "$out/bench-$i.qcow2"
-    qemu-img create -q -f qcow2 -b "$base" -F qcow2 "$out/bench-$i.qcow2" || fatal "cannot make a bench overlay"
+    qemu-img create -q -f qcow2 -b "$(readlink -f "$base")" -F qcow2 "$out/bench-$i.qcow2" || fatal "cannot make a bench overlay"
     if bench_boot "bench-$i" "$out/bench-$i.qcow2" $((span * 3 + 1200)) qel.test=bench "qel.span=$span"; then
       local active
       active=$(sed -n 's/^BENCH active: qeld.service active \([0-9.]*\) s.*/\1/p' "$out/bench-$i/test.log")
