@@ -442,7 +442,7 @@ TEST_F(SdrCache, ColdLoadReadsEverythingAndWritesTheCache) {
     EXPECT_EQ(repo.cachePath(), file());
     EXPECT_TRUE(anyNoteHas(repo, "none yet")) << notesOf(repo);
     const std::string text = readText(file());
-    EXPECT_EQ(text.rfind("qel-sdr-cache 1\ncontroller 20 81 01 07 02 d9 7e 00 34 12\nrepository 51 7 ", 0), 0u)
+    EXPECT_EQ(text.rfind("qel-sdr-cache 2\ncontroller 20 81 01 07 02 d9 7e 00 34 12\nrepository 51 7 ", 0), 0u)
         << text;
     EXPECT_THAT(text, HasSubstr("\nrecord 01 00 51 01 "));
     EXPECT_THAT(text, HasSubstr("\nend 7 "));
@@ -468,15 +468,92 @@ TEST_F(SdrCache, WarmLoadCostsExactlyOneRequest) {
     EXPECT_TRUE(warm.notes().empty()) << notesOf(warm);
 }
 
-TEST_F(SdrCache, WithoutAGivenIdentityTheFirstLoadAsksTheControllerOnce) {
+TEST_F(SdrCache, WithoutAKnownIdentityNoGetDeviceIdIsSentAndTheInfoDecides) {
     QelSdrRepository repo(directory);
     repo.load();
-    EXPECT_EQ(sim->requests(netfn::app, cmd::getDeviceId).size(), 1u);
-    EXPECT_EQ(repo.controllerIdentity().size(), 10u);
+    EXPECT_TRUE(sim->requests(netfn::app, cmd::getDeviceId).empty());
+    EXPECT_TRUE(repo.controllerIdentity().empty());
+    EXPECT_EQ(readText(file()).rfind("qel-sdr-cache 2\ncontroller\nrepository ", 0), 0u);
     sim->clearRequests();
-    repo.load();
-    EXPECT_TRUE(repo.loadedFromCache());
+    QelSdrRepository warm(directory);
+    warm.load();
+    EXPECT_TRUE(warm.loadedFromCache()) << notesOf(warm);
     EXPECT_EQ(sim->requestCount(), 1u);
+    EXPECT_EQ(recordsRead(warm), recordsRead(repo));
+}
+
+// The cache as written, with its repository line replaced and the checksum
+// made to match, so only the info differs.
+std::string withRepositoryLine(const std::string& text, const std::string& line) {
+    const std::size_t from = text.find("\nrepository ") + 1;
+    const std::size_t to = text.find('\n', from);
+    std::string changed = text.substr(0, from) + line + text.substr(to);
+    const std::size_t endAt = changed.rfind("\nend ") + 1;
+    uint32_t h = 2166136261u;
+    for (std::size_t i = 0; i < endAt; ++i) {
+        h ^= static_cast<unsigned char>(changed[i]);
+        h *= 16777619u;
+    }
+    const std::string endLine = changed.substr(endAt);
+    const std::size_t hashAt = endLine.rfind(' ') + 1;
+    char hash[16];
+    std::snprintf(hash, sizeof hash, "%08x", h);
+    return changed.substr(0, endAt) + endLine.substr(0, hashAt) + hash + "\n";
+}
+
+TEST_F(SdrCache, CacheIsRefusedWhenAnyFieldOfTheRepositoryInfoDiffersAndTakenWhenAllMatch) {
+    QelSdrRepository cold(directory);
+    cold.load();
+    const std::string good = readText(file());
+    const RepositoryInfo info = cold.info();
+    ASSERT_NE(info.freeSpace, 0u);
+    const auto line = [](unsigned int version, unsigned int count, uint32_t addition, uint32_t erase,
+                         unsigned int free) {
+        char text[96];
+        std::snprintf(text, sizeof text, "repository %02x %u %u %u %u", version, count, addition, erase, free);
+        return std::string(text);
+    };
+    const std::vector<std::pair<std::string, std::string>> changes = {
+        {line(0x02, info.recordCount, info.lastAddition, info.lastErase, info.freeSpace), "version"},
+        {line(info.version, info.recordCount + 1u, info.lastAddition, info.lastErase, info.freeSpace), "records"},
+        {line(info.version, info.recordCount, info.lastAddition - 1, info.lastErase, info.freeSpace), "last addition"},
+        {line(info.version, info.recordCount, info.lastAddition, info.lastErase + 1, info.freeSpace), "last erase"},
+        {line(info.version, info.recordCount, info.lastAddition, info.lastErase, info.freeSpace + 1u), "free space"},
+    };
+    for (const auto& [changed, field] : changes) {
+        writeText(file(), withRepositoryLine(good, changed));
+        sim->clearRequests();
+        QelSdrRepository repo(directory);
+        repo.load();
+        EXPECT_FALSE(repo.loadedFromCache()) << changed;
+        EXPECT_TRUE(anyNoteHas(repo, "the repository changed (" + field)) << notesOf(repo);
+        EXPECT_TRUE(sim->requests(netfn::app, cmd::getDeviceId).empty());
+    }
+    const std::string same = line(info.version, info.recordCount, info.lastAddition, info.lastErase, info.freeSpace);
+    writeText(file(), withRepositoryLine(good, same));
+    EXPECT_EQ(readText(file()), good);  // the helper changes nothing else
+    sim->clearRequests();
+    QelSdrRepository warm(directory);
+    warm.load();
+    EXPECT_TRUE(warm.loadedFromCache()) << notesOf(warm);
+    ASSERT_EQ(sim->requestCount(), 1u);
+    EXPECT_EQ(sim->requests()[0].cmd, cmd::getSdrRepositoryInfo);
+}
+
+TEST_F(SdrCache, AProcessThatKnowsTheControllerRefusesACacheWrittenWithoutItsIdentity) {
+    QelSdrRepository anonymous(directory);
+    anonymous.load();
+    QelSdrRepository known = fresh();
+    known.load();
+    EXPECT_FALSE(known.loadedFromCache());
+    EXPECT_TRUE(anyNoteHas(known, "written without the controller's identity")) << notesOf(known);
+    // Rewritten with it: taken from then on, by both kinds of process.
+    QelSdrRepository again = fresh();
+    again.load();
+    EXPECT_TRUE(again.loadedFromCache()) << notesOf(again);
+    QelSdrRepository anonymousAgain(directory);
+    anonymousAgain.load();
+    EXPECT_TRUE(anonymousAgain.loadedFromCache()) << notesOf(anonymousAgain);
 }
 
 TEST(SdrIdentity, TakenFromAGetDeviceIdAnswerWithoutTheSupportByteOrAuxiliaryRevision) {
@@ -488,12 +565,14 @@ TEST(SdrIdentity, TakenFromAGetDeviceIdAnswerWithoutTheSupportByteOrAuxiliaryRev
     EXPECT_TRUE(QelSdrRepository::identityFromDeviceId({0x00, 0x20, 0x81}).empty());
 }
 
-TEST_F(SdrCache, GetDeviceIdUnansweredStillReadsTheRepository) {
+TEST_F(SdrCache, AControllerWithoutGetDeviceIdStillHasItsRepositoryCached) {
     sim->injectFault(Fault::noReply().forCommand(netfn::app, cmd::getDeviceId));
     QelSdrRepository repo(directory);
     repo.load();
     EXPECT_EQ(recordsRead(repo), repository().records());
-    EXPECT_TRUE(anyNoteHas(repo, "cannot tell this controller from another")) << notesOf(repo);
+    QelSdrRepository warm(directory);
+    warm.load();
+    EXPECT_TRUE(warm.loadedFromCache()) << notesOf(warm);
 }
 
 TEST_F(SdrCache, ChangedRepositoryIsReadAgain) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "qelSdrRecord.h"
+#include "qelSensors.h"
 
 #include "qelctlCommon.h"
 
@@ -52,8 +53,10 @@ Json boardDocument();
 // where this user may keep it current. Throws Failure naming `command`.
 // `deviceId`: a Get Device ID answer (behind the completion code) this run
 // already has, which tells the cache which controller this is without
-// asking again.
-std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId = Bytes());
+// asking again. `reader`, when given, keeps the sensors' answers beside the
+// cache (QelSensorReader::setAnswerCache) when there is one.
+std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId = Bytes(),
+                                          qelSensors::QelSensorReader* reader = nullptr);
 // `recordBytes`, when given, gets the record's header and data.
 Json pniDocument(Bytes* recordBytes);
 

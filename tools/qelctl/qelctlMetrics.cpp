@@ -299,7 +299,7 @@ const char* helpOf(std::string_view family) {
 // not be read. One sensor that fails does not take the collector down; an
 // SDR repository that cannot be read does.
 bool readSensors(Exposition& out, qelSensors::QelSensorReader& reader) {
-    const std::vector<qelSdr::SdrRecord> records = sdrRecords("sensors", deviceIdAnswer);
+    const std::vector<qelSdr::SdrRecord> records = sdrRecords("sensors", deviceIdAnswer, &reader);
     std::vector<qelSensors::SensorSample> samples;
     reader.setReadThresholds(false);  // no metric shows them
     try {

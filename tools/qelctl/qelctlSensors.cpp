@@ -93,8 +93,8 @@ Json sensorsDocument(const SensorOptions& options) {
     static const char* const states[] = {"nominal", "warning", "critical", "non-recoverable"};
     if (!options.state.empty() && std::find(std::begin(states), std::end(states), options.state) == std::end(states))
         throw Failure("sensors: --state takes nominal, warning, critical or non-recoverable");
-    const std::vector<qelSdr::SdrRecord> records = sdrRecords("sensors");
     qelSensors::QelSensorReader reader;
+    const std::vector<qelSdr::SdrRecord> records = sdrRecords("sensors", Bytes(), &reader);
     std::vector<qelSensors::SensorSample> samples;
     try {
         samples = reader.readAll(records);
@@ -148,7 +148,8 @@ void printTable(const Json& sensors) {
 
 }  // namespace
 
-std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId) {
+std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Bytes& deviceId,
+                                          qelSensors::QelSensorReader* reader) {
     const char* env = std::getenv("CACHE_DIRECTORY");
     const bool given = env != nullptr && env[0] == '/';
     const std::string cache = std::string(given ? env : "/var/cache/qeld") + "/sdr";
@@ -168,6 +169,7 @@ std::vector<qelSdr::SdrRecord> sdrRecords(const std::string& command, const Byte
     } catch (const qelSdr::QelSdrError& e) {
         throw Failure(command + ": the SDR repository: " + e.errorText);
     }
+    if (reader != nullptr && cached) reader->setAnswerCache(repository.answersPath(), repository.info());
     return repository.records();
 }
 

@@ -199,15 +199,18 @@ private:
 // ---------------------------------------------------------------- cache file
 //
 // Text, so an administrator can read it:
-//   qel-sdr-cache 1
+//   qel-sdr-cache 2
 //   controller 20 01 81 07 02 d9 7e 00 34 12
-//   repository 51 9 1700000123 0
+//   repository 51 9 1700000123 0 8000
 //   record 01 00 51 01 35 20 00 01 ...
 //   end 9 5f3a09c2
 // The end line holds the number of records and the FNV-1a hash of every byte
-// before it: a file cut short or changed anywhere is not taken.
+// before it: a file cut short or changed anywhere is not taken. The
+// controller line is empty when the writer did not know the controller.
+// The repository line: version, records, last addition, last erase, free
+// space.
 
-constexpr const char* cacheMagic = "qel-sdr-cache 1";
+constexpr const char* cacheMagic = "qel-sdr-cache 2";
 // Far above any repository (65535 records of 260 bytes in hex).
 constexpr off_t maxCacheSize = 64L * 1024 * 1024;
 
@@ -307,7 +310,7 @@ std::string formatCache(const Bytes& identity, const RepositoryInfo& info, const
     out << cacheMagic << '\n';
     out << "controller" << (identity.empty() ? "" : " ") << hexBytes(identity) << '\n';
     out << "repository " << version << ' ' << info.recordCount << ' ' << info.lastAddition << ' '
-        << info.lastErase << '\n';
+        << info.lastErase << ' ' << info.freeSpace << '\n';
     for (const SdrRecord& r : records) out << "record " << hexBytes(r.bytes) << '\n';
     std::string text = out.str();
     char end[48];
@@ -356,12 +359,13 @@ std::string parseCache(const std::string& text, CacheContents& out) {
                 if (!parseHexWords(in, out.identity)) return where();
                 haveController = true;
             } else if (key == "repository" && !haveRepository) {
-                const std::string_view v = in.next(), n = in.next(), a = in.next(), e = in.next();
-                unsigned long count2 = 0, addition = 0, erase = 0;
+                const std::string_view v = in.next(), n = in.next(), a = in.next(), e = in.next(), f = in.next();
+                unsigned long count2 = 0, addition = 0, erase = 0, free = 0;
                 const int version = hexByte(v);
                 if (version < 0 || !parseUnsigned(n, 0xFFFF, count2) || !parseUnsigned(a, 0xFFFFFFFFul, addition) ||
-                    !parseUnsigned(e, 0xFFFFFFFFul, erase) || !in.next().empty())
+                    !parseUnsigned(e, 0xFFFFFFFFul, erase) || !parseUnsigned(f, 0xFFFF, free) || !in.next().empty())
                     return where();
+                out.info.freeSpace = static_cast<uint16_t>(free);
                 out.info.version = static_cast<uint8_t>(version);
                 out.info.recordCount = static_cast<uint16_t>(count2);
                 out.info.lastAddition = static_cast<uint32_t>(addition);
@@ -449,7 +453,7 @@ bool writeAll(int fd, const std::string& text) {
 int writeAtomically(const std::string& root, const std::string& directory, const std::string& path,
                     const std::string& text) {
     if (int e = makeDirectories(root, directory)) return e;
-    std::string pattern = directory + "/." + QelSdrRepository::cacheFileName + ".XXXXXX";
+    std::string pattern = directory + "/." + path.substr(path.rfind('/') + 1) + ".XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     const int fd = ::mkstemp(name.data());
@@ -478,6 +482,7 @@ std::string describeChange(const RepositoryInfo& cached, const RepositoryInfo& n
     if (cached.lastAddition != now.lastAddition)
         out << " last addition " << cached.lastAddition << " -> " << now.lastAddition;
     if (cached.lastErase != now.lastErase) out << " last erase " << cached.lastErase << " -> " << now.lastErase;
+    if (cached.freeSpace != now.freeSpace) out << " free space " << cached.freeSpace << " -> " << now.freeSpace;
     return out.str();
 }
 
@@ -486,6 +491,16 @@ std::string describeChange(const RepositoryInfo& cached, const RepositoryInfo& n
 bool RepositoryInfo::sameContents(const RepositoryInfo& other) const {
     return version == other.version && recordCount == other.recordCount && lastAddition == other.lastAddition &&
            lastErase == other.lastErase;
+}
+
+bool RepositoryInfo::sameRepository(const RepositoryInfo& other) const {
+    return sameContents(other) && freeSpace == other.freeSpace;
+}
+
+std::string RepositoryInfo::key() const {
+    char text[64];
+    std::snprintf(text, sizeof text, "%02x %u %u %u %u", version, recordCount, lastAddition, lastErase, freeSpace);
+    return text;
 }
 
 RepositoryInfo RepositoryInfo::fromResponse(const Bytes& r) {
@@ -518,6 +533,21 @@ Bytes QelSdrRepository::identityFromDeviceId(const Bytes& response) {
     return identity;
 }
 
+int QelSdrRepository::writeCacheFile(const std::string& path, const std::string& text) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) return EINVAL;
+    const std::string root = qelPlatform::platform().root();
+    return writeAtomically(path.compare(0, root.size(), root) == 0 ? root : std::string(), path.substr(0, slash),
+                           path, text);
+}
+
+std::string QelSdrRepository::readCacheFile(const std::string& path, int& error) { return readFile(path, error); }
+
+std::string QelSdrRepository::answersPath() const {
+    if (cacheDirectory_.empty()) return std::string();
+    return qelPlatform::platform().path(cacheDirectory_ + "/" + answersFileName);
+}
+
 std::string QelSdrRepository::cachePath() const {
     if (cacheDirectory_.empty()) return std::string();
     return qelPlatform::platform().path(cacheDirectory_ + "/" + cacheFileName);
@@ -541,21 +571,14 @@ void QelSdrRepository::load() {
         const std::string path = cachePath();
         if (!path.empty() && identity.empty()) {
             // The process's Get Device ID answer, when someone asked already,
-            // costs no request.
-            {
-                std::lock_guard<std::mutex> lock(qelIpmi::QelIpmiDeviceIdData::base_mutex);
-                if (const unsigned char* known = qelIpmi::QelIpmiDeviceIdData::data)
-                    identity = identityFromDeviceId(Bytes(known, known + qelIpmi::deviceId::responseSize));
-            }
-            if (identity.empty()) {
-                try {
-                    identity = identityFromDeviceId(session.call(netfn::app, cmd::getDeviceId, {}, "Get Device ID"));
-                } catch (const QelSdrError&) {
-                    // No answer: noted below; the repository can still be read.
-                }
-            }
-            if (identity.empty())
-                notes.push_back("Get Device ID failed; the SDR cache cannot tell this controller from another");
+            // costs no request. Without one the cache is taken on the
+            // repository info alone (its version, record count, free space
+            // and both timestamps), which another controller's repository
+            // does not match: asking Get Device ID for it would cost every
+            // short-lived client a request on each run.
+            std::lock_guard<std::mutex> lock(qelIpmi::QelIpmiDeviceIdData::base_mutex);
+            if (const unsigned char* known = qelIpmi::QelIpmiDeviceIdData::data)
+                identity = identityFromDeviceId(Bytes(known, known + qelIpmi::deviceId::responseSize));
         }
         if (!path.empty()) {
             int error = 0;
@@ -568,10 +591,12 @@ void QelSdrRepository::load() {
                                 "), ignoring it and reading the repository");
             } else if (std::string why = parseCache(text, cached); !why.empty()) {
                 notes.push_back("SDR cache " + path + ": " + why + ", ignoring it and reading the repository");
-            } else if (cached.identity != identity) {
+            } else if (!identity.empty() && cached.identity != identity) {
                 notes.push_back("SDR cache " + path +
-                                ": written for another controller, ignoring it and reading the repository");
-            } else if (!cached.info.sameContents(info)) {
+                                (cached.identity.empty() ? ": written without the controller's identity"
+                                                         : ": written for another controller") +
+                                ", ignoring it and reading the repository");
+            } else if (!cached.info.sameRepository(info)) {
                 notes.push_back("SDR cache " + path + ": the repository changed (" +
                                 describeChange(cached.info, info).substr(1) + "); reading it again");
             } else {
@@ -590,6 +615,11 @@ void QelSdrRepository::load() {
         throw;
     }
     if (!fromCache && !cacheDirectory_.empty()) {
+        // The sensors' answers kept beside the records hold for these
+        // records only.
+        const std::string answers = answersPath();
+        if (::unlink(answers.c_str()) != 0 && errno != ENOENT)
+            notes.push_back("sensor answers cache " + answers + ": not removed (" + std::strerror(errno) + ")");
         const std::string path = cachePath();
         const std::string directory = path.substr(0, path.rfind('/'));
         if (int e = writeAtomically(qelPlatform::platform().root(), directory, path,

@@ -2,9 +2,12 @@
 // transport and kept in a cache on disk.
 //
 // load() asks Get SDR Repository Info. With a cache directory, a cache file
-// written under the same repository info (SDR version, record count, addition
-// and erase timestamps) by the same controller is taken as it is: a warm load
-// costs that one request. Otherwise it reserves the repository and reads
+// written under the same repository info (SDR version, record count, free
+// space, addition and erase timestamps) is taken as it is: a warm load costs
+// that one request. When the controller's identity is known (given, or the
+// process's Get Device ID answer), a cache written for another controller or
+// without an identity is not taken; when it is not known, no Get Device ID
+// is sent for it and the repository info alone decides. Otherwise it reserves the repository and reads
 // every record by following the next-record IDs the controller returns (never
 // by counting), each one as its 5-byte header and then its body in pieces: 32
 // bytes at first, 16 once the controller answers 0xCA (many refuse more than
@@ -46,6 +49,11 @@ struct QEL_EXPORT RepositoryInfo {
     // Whether records read under `other` still hold under this info: same
     // version, record count and timestamps.
     [[nodiscard]] bool sameContents(const RepositoryInfo& other) const;
+    // sameContents and the same free space: what a cache is taken on.
+    [[nodiscard]] bool sameRepository(const RepositoryInfo& other) const;
+    // Version (hex), record count, last addition, last erase and free space
+    // as one line of words: what a cache beside the records is keyed on.
+    [[nodiscard]] std::string key() const;
     // Takes the response (completion code first) apart; throws QelSdrError
     // when it is shorter than the 15 bytes of the answer.
     static RepositoryInfo fromResponse(const Bytes& response);
@@ -56,6 +64,9 @@ public:
     // Where qeld keeps its cache (under the platform's root).
     static constexpr const char* defaultCacheDirectory = "/var/cache/qeld/sdr";
     static constexpr const char* cacheFileName = "repository.sdr";
+    // The sensors' answers kept beside the records (QelSensorReader's
+    // cache); removed whenever the repository is read again.
+    static constexpr const char* answersFileName = "sensor-answers";
     // The first piece size; the fallback goes to 16.
     static constexpr unsigned int initialReadSize = 32;
     static constexpr unsigned int fallbackReadSize = 16;
@@ -64,10 +75,10 @@ public:
     // An empty directory: no cache, every load reads the whole repository.
     explicit QelSdrRepository(std::string cacheDirectory = std::string());
 
-    // The bytes that identify the controller in the cache. Without them the
-    // first load with a cache takes them from the process's Get Device ID
-    // answer (QelIpmiDeviceIdData) or, when there is none, asks Get Device ID
-    // once; a warm load then costs one request from the second load on.
+    // The bytes that identify the controller in the cache. Without them a
+    // load with a cache takes them from the process's Get Device ID answer
+    // (QelIpmiDeviceIdData) when there is one, and otherwise goes by the
+    // repository info alone: a warm load costs one request.
     void setControllerIdentity(Bytes identity);
     // Device ID, revision, firmware, IPMI version, manufacturer and product
     // from a Get Device ID response (completion code first); empty when the
@@ -96,6 +107,17 @@ public:
 
     // The cache file as opened (root prefix applied); empty without a cache.
     std::string cachePath() const;
+    // The sensors' answers file beside it (root prefix applied); empty
+    // without a cache.
+    std::string answersPath() const;
+
+    // A cache file beside the records (`path` with the root prefix
+    // applied): written atomically (temporary file, fsync, rename), its
+    // directory made when missing; 0 or an errno value.
+    static int writeCacheFile(const std::string& path, const std::string& text);
+    // Its contents, or empty with `error` set (ENOENT: none; EINVAL: not a
+    // regular file or far too large).
+    static std::string readCacheFile(const std::string& path, int& error);
 
 private:
     std::string cacheDirectory_;

@@ -1,13 +1,19 @@
 #include "qelSensors.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "qelErrorText.h"
 #include "qelIpmi.h"
+#include "qelPlatform.h"
 #include "qelSelText.h"
 
 #define QEL_SOURCE_NAME "qelSensors"
@@ -15,6 +21,38 @@
 namespace qelSensors {
 
 QEL_DEFINE_ERROR(QelSensorError)
+
+// The answers of Get Sensor Reading Factors and Get Sensor Thresholds kept
+// on disk. Text, one answer a line, after the repository info it holds for:
+//   qel-sensor-answers 1
+//   repository 51 56 1700000123 0 8000
+//   factors 20 00 0c 0 140 00 0c 55 ...     owner LUN sensor from to reply
+//   thresholds 20 00 31 1764190000 00 3f ... owner LUN sensor when reply
+//   end 3 5f3a09c2
+// The end line counts the answers and holds the FNV-1a hash of every byte
+// before it, so a file cut short or changed anywhere is not taken.
+struct AnswerStore {
+    struct Factors {
+        uint32_t sensor;  // owner << 16 | LUN << 8 | number
+        unsigned int from;
+        unsigned int to;
+        std::vector<uint8_t> reply;
+    };
+    struct Thresholds {
+        time_t when;
+        std::vector<uint8_t> reply;
+    };
+    std::string path;
+    std::string key;
+    bool loaded = false;
+    bool changed = false;
+    std::vector<Factors> factors;
+    std::map<uint32_t, Thresholds> thresholds;
+    std::vector<std::string> notes;
+
+    void load();
+    void save();
+};
 
 namespace {
 
@@ -114,6 +152,127 @@ private:
     std::map<std::pair<uint8_t, uint8_t>, std::unique_ptr<qelIpmi::QelIpmi>> devices_;
 };
 
+constexpr const char* answersMagic = "qel-sensor-answers 1";
+
+uint32_t fnv1a(std::string_view text) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : text) {
+        h ^= c;
+        h *= 16777619u;
+    }
+    return h;
+}
+
+uint32_t sensorKey(uint8_t owner, uint8_t lun, uint8_t number) {
+    return static_cast<uint32_t>(owner) << 16 | static_cast<uint32_t>(lun) << 8 | number;
+}
+
+void putHex(std::ostringstream& out, unsigned int value) {
+    char text[4];
+    std::snprintf(text, sizeof text, "%02x", value & 0xFF);
+    out << text;
+}
+
+// Two hex digits, nothing else.
+bool hexWord(const std::string& word, unsigned int& out) {
+    if (word.size() != 2 || !std::isxdigit(static_cast<unsigned char>(word[0])) ||
+        !std::isxdigit(static_cast<unsigned char>(word[1])))
+        return false;
+    out = static_cast<unsigned int>(std::stoul(word, nullptr, 16));
+    return true;
+}
+
+bool decimal(const std::string& word, unsigned long long max, unsigned long long& out) {
+    if (word.empty() || word.size() > 19 || word.find_first_not_of("0123456789") != std::string::npos) return false;
+    out = std::stoull(word);
+    return out <= max;
+}
+
+bool readSensorKey(std::istringstream& in, uint32_t& key) {
+    std::string o, l, n;
+    unsigned int owner = 0, lun = 0, number = 0;
+    if (!(in >> o >> l >> n) || !hexWord(o, owner) || !hexWord(l, lun) || !hexWord(n, number) || lun > 3)
+        return false;
+    key = sensorKey(static_cast<uint8_t>(owner), static_cast<uint8_t>(lun), static_cast<uint8_t>(number));
+    return true;
+}
+
+// The rest of the line: a reply, completion code first (0x00).
+bool readReply(std::istringstream& in, std::vector<uint8_t>& reply) {
+    std::string word;
+    while (in >> word) {
+        unsigned int b = 0;
+        if (!hexWord(word, b) || reply.size() >= 64) return false;
+        reply.push_back(static_cast<uint8_t>(b));
+    }
+    return !reply.empty() && reply[0] == ccOk;
+}
+
+// Why `text` is not usable, or empty when `store` was filled (its key
+// checked by the caller).
+std::string parseAnswers(const std::string& text, AnswerStore& store, std::string& key) {
+    if (text.compare(0, std::strlen(answersMagic) + 1, std::string(answersMagic) + "\n") != 0)
+        return "not an answers file of this program";
+    const std::size_t endAt = text.rfind("\nend ");
+    if (endAt == std::string::npos || text.back() != '\n') return "truncated (no end line)";
+    const std::string body = text.substr(0, endAt + 1);
+    std::istringstream end(text.substr(endAt + 1));
+    std::string word, countWord, hashWord, extra;
+    unsigned long long count = 0;
+    if (!(end >> word >> countWord >> hashWord) || (end >> extra) || word != "end" ||
+        !decimal(countWord, 0xFFFFFF, count) || hashWord.size() != 8)
+        return "corrupt (bad end line)";
+    char hash[16];
+    std::snprintf(hash, sizeof hash, "%08x", fnv1a(body));
+    if (hashWord != hash) return "corrupt (its checksum does not match its contents)";
+    std::istringstream lines(body);
+    std::string line;
+    std::getline(lines, line);  // the magic line, checked
+    int number = 1;
+    unsigned long long answers = 0;
+    bool haveKey = false;
+    while (std::getline(lines, line)) {
+        ++number;
+        std::istringstream in(line);
+        std::string kind;
+        in >> kind;
+        const std::string where = "corrupt (line " + std::to_string(number) + ")";
+        if (kind == "repository" && !haveKey) {
+            std::string rest;
+            std::getline(in >> std::ws, rest);
+            key = rest;
+            haveKey = true;
+        } else if (kind == "factors" && haveKey) {
+            AnswerStore::Factors f;
+            std::string fromWord, toWord;
+            unsigned long long from = 0, to = 0;
+            if (!readSensorKey(in, f.sensor) || !(in >> fromWord >> toWord) || !decimal(fromWord, 255, from) ||
+                !decimal(toWord, 256, to) || to <= from || !readReply(in, f.reply))
+                return where;
+            f.from = static_cast<unsigned int>(from);
+            f.to = static_cast<unsigned int>(to);
+            store.factors.push_back(std::move(f));
+            ++answers;
+        } else if (kind == "thresholds" && haveKey) {
+            uint32_t sensor = 0;
+            AnswerStore::Thresholds t;
+            std::string whenWord;
+            unsigned long long when = 0;
+            if (!readSensorKey(in, sensor) || !(in >> whenWord) || !decimal(whenWord, 0xFFFFFFFFFFull, when) ||
+                !readReply(in, t.reply))
+                return where;
+            t.when = static_cast<time_t>(when);
+            store.thresholds[sensor] = std::move(t);
+            ++answers;
+        } else {
+            return where;
+        }
+    }
+    if (!haveKey) return "corrupt (no repository line)";
+    if (answers != count) return "corrupt (the end line counts another number of answers)";
+    return std::string();
+}
+
 // A compact record has no conversion: its readings are taken as they are
 // (M = 1), with the record's format and units. The record names units and
 // a format for its readings and no factors, so the identity is the only
@@ -132,16 +291,27 @@ ConversionFactors compactFactors(const sdr::SensorRecord& s) {
 
 // The factors a non-linear sensor's raw readings convert with, asked once per
 // range of readings: a reply for x that names n as the next reading with
-// other factors holds for x..n-1.
+// other factors holds for x..n-1. With a store, the answers kept there serve
+// first and new ones are added to it.
 class FactorCache {
 public:
-    FactorCache(Link& link, const sdr::SensorRecord& s, const ConversionFactors& record)
-        : link_(link), s_(s), record_(record) {}
+    FactorCache(Link& link, const sdr::SensorRecord& s, const ConversionFactors& record, AnswerStore* store)
+        : link_(link), s_(s), record_(record), store_(store) {}
 
     // The value of `raw`, or none with the reason in `problem`.
     std::optional<double> convert(uint8_t raw, std::string& problem) {
         for (const Range& r : ranges_)
             if (raw >= r.from && raw < r.to) return convertReading(r.factors, raw);
+        const uint32_t key = sensorKey(s_.ownerId, s_.ownerLun, s_.sensorNumber);
+        if (store_ != nullptr) {
+            for (const AnswerStore::Factors& f : store_->factors) {
+                if (f.sensor != key || raw < f.from || raw >= f.to) continue;
+                const Parsed<ReadingFactors> p = factorsFromReadingFactorsReply(record_, f.reply.data(), f.reply.size());
+                if (!p) continue;  // the record changed under it: asked again below
+                ranges_.push_back(Range{f.from, f.to, p.value->factors});
+                return convertReading(p.value->factors, raw);
+            }
+        }
         const Answer a = link_.send(s_.ownerId, s_.ownerLun, netfn::sensorEvent, cmd::getSensorReadingFactors,
                                     {s_.sensorNumber, raw}, "Get Sensor Reading Factors");
         if (!a) {
@@ -156,6 +326,10 @@ public:
         // A next reading at or below this one holds for this reading only.
         const unsigned int to = p.value->nextReading > raw ? p.value->nextReading : raw + 1u;
         ranges_.push_back(Range{raw, to, p.value->factors});
+        if (store_ != nullptr) {
+            store_->factors.push_back(AnswerStore::Factors{key, raw, to, a.bytes});
+            store_->changed = true;
+        }
         return convertReading(p.value->factors, raw);
     }
 
@@ -168,6 +342,7 @@ private:
     Link& link_;
     const sdr::SensorRecord& s_;
     ConversionFactors record_;
+    AnswerStore* store_;
     std::vector<Range> ranges_;
 };
 
@@ -185,7 +360,7 @@ std::string stateText(uint8_t eventReadingType, uint8_t sensorType, unsigned int
 
 // One sensor of a record: the reading, then what it needs besides.
 void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& record, SensorSample& sample,
-                bool withThresholds) {
+                bool withThresholds, AnswerStore* store) {
     // The units and the metric family come from the record: a sensor whose
     // reading fails still has them (its value is then none).
     ConversionFactors factors = compactFactors(s);
@@ -219,7 +394,7 @@ void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& re
         return;
     }
 
-    FactorCache nonLinear(link, s, factors);
+    FactorCache nonLinear(link, s, factors, store);
 
     if (r.hasValue()) {
         if (factors.isNonLinear()) {
@@ -243,9 +418,23 @@ void readSensor(Link& link, const sdr::SensorRecord& s, const sdr::SdrRecord& re
         t.raw = {s.lowerNonCritical, s.lowerCritical, s.lowerNonRecoverable,
                  s.upperNonCritical, s.upperCritical, s.upperNonRecoverable};
     } else {
-        const Answer ta = link.send(s.ownerId, s.ownerLun, netfn::sensorEvent, cmd::getSensorThresholds,
-                                    {s.sensorNumber}, "Get Sensor Thresholds");
-        if (!ta) return addProblem(sample, ta.problem);
+        const uint32_t key = sensorKey(s.ownerId, s.ownerLun, s.sensorNumber);
+        const time_t now = qelPlatform::platform().time();
+        Answer ta;
+        const auto kept = store != nullptr ? store->thresholds.find(key) : std::map<uint32_t, AnswerStore::Thresholds>::iterator();
+        // A clock set back makes an answer from the future: asked again.
+        if (store != nullptr && kept != store->thresholds.end() && kept->second.when <= now &&
+            now - kept->second.when < QelSensorReader::thresholdsMaxAge) {
+            ta.bytes = kept->second.reply;
+        } else {
+            ta = link.send(s.ownerId, s.ownerLun, netfn::sensorEvent, cmd::getSensorThresholds, {s.sensorNumber},
+                           "Get Sensor Thresholds");
+            if (!ta) return addProblem(sample, ta.problem);
+            if (store != nullptr && parseSensorThresholds(ta.bytes.data(), ta.bytes.size())) {
+                store->thresholds[key] = AnswerStore::Thresholds{now, ta.bytes};
+                store->changed = true;
+            }
+        }
         const Parsed<SensorThresholds> pt = parseSensorThresholds(ta.bytes.data(), ta.bytes.size());
         if (!pt) return addProblem(sample, "Get Sensor Thresholds: " + pt.error);
         t = *pt.value;
@@ -324,11 +513,93 @@ std::vector<SensorSample> QelSensorReader::readAll(const std::vector<sdr::SdrRec
             sample.thresholdBased = s.isThresholdBased();
             sdr::SensorRecord one = s;
             one.sensorNumber = n.sensorNumber;
-            readSensor(link, one, record, sample, thresholds_);
+            readSensor(link, one, record, sample, thresholds_, answers_.get());
             samples.push_back(std::move(sample));
         }
     }
+    if (answers_) answers_->save();
     return samples;
+}
+
+void AnswerStore::load() {
+    loaded = true;
+    int error = 0;
+    const std::string text = sdr::QelSdrRepository::readCacheFile(path, error);
+    if (error == ENOENT) return;
+    if (error != 0) {
+        notes.push_back("sensor answers cache " + path + ": cannot be read (" + std::strerror(error) +
+                        "), asking the sensors");
+        return;
+    }
+    AnswerStore parsed;
+    std::string fileKey;
+    if (const std::string why = parseAnswers(text, parsed, fileKey); !why.empty()) {
+        notes.push_back("sensor answers cache " + path + ": " + why + ", ignoring it and asking the sensors");
+        changed = true;  // replaced by the answers of this run
+        return;
+    }
+    if (fileKey != key) {
+        changed = true;  // kept for other records
+        return;
+    }
+    factors = std::move(parsed.factors);
+    thresholds = std::move(parsed.thresholds);
+}
+
+void AnswerStore::save() {
+    if (!changed) return;
+    std::ostringstream out;
+    out << answersMagic << "\nrepository " << key << '\n';
+    for (const Factors& f : factors) {
+        out << "factors ";
+        putHex(out, f.sensor >> 16);
+        out << ' ';
+        putHex(out, f.sensor >> 8);
+        out << ' ';
+        putHex(out, f.sensor);
+        out << ' ' << f.from << ' ' << f.to;
+        for (uint8_t b : f.reply) {
+            out << ' ';
+            putHex(out, b);
+        }
+        out << '\n';
+    }
+    for (const auto& [sensor, t] : thresholds) {
+        out << "thresholds ";
+        putHex(out, sensor >> 16);
+        out << ' ';
+        putHex(out, sensor >> 8);
+        out << ' ';
+        putHex(out, sensor);
+        out << ' ' << static_cast<unsigned long long>(t.when < 0 ? 0 : t.when);
+        for (uint8_t b : t.reply) {
+            out << ' ';
+            putHex(out, b);
+        }
+        out << '\n';
+    }
+    const std::string body = out.str();
+    char end[48];
+    std::snprintf(end, sizeof end, "end %zu %08x\n", factors.size() + thresholds.size(), fnv1a(body));
+    if (const int e = sdr::QelSdrRepository::writeCacheFile(path, body + end))
+        notes.push_back("sensor answers cache " + path + ": not written (" + std::strerror(e) + ")");
+    changed = false;
+}
+
+void QelSensorReader::setAnswerCache(std::string path, const sdr::RepositoryInfo& info) {
+    if (path.empty()) {
+        answers_.reset();
+        return;
+    }
+    answers_ = std::make_shared<AnswerStore>();
+    answers_->path = std::move(path);
+    answers_->key = info.key();
+    answers_->load();
+}
+
+const std::vector<std::string>& QelSensorReader::notes() const {
+    static const std::vector<std::string> none;
+    return answers_ ? answers_->notes : none;
 }
 
 std::optional<ChassisStatus> QelSensorReader::readChassisStatus() {

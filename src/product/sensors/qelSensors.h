@@ -17,6 +17,15 @@
 // reading whose factors differ). Event-only records have no reading: they are
 // not sampled.
 //
+// With an answer cache (setAnswerCache) the answers of Get Sensor Reading
+// Factors and Get Sensor Thresholds are kept in a small file beside the SDR
+// cache, keyed on the repository info the records were read under: a factors
+// answer serves the raw readings it holds for (up to the next reading it
+// names), outside them the sensor is asked and the answer added; a thresholds
+// answer serves for thresholdsMaxAge. Get Sensor Reading is always sent, so
+// the state of every reading is fresh. The file is written atomically; a
+// corrupt or short one is ignored with a note.
+//
 // A sensor whose request fails (a completion code, a reply too short, no
 // answer) becomes a sample without a reading and with a one-line problem; the
 // others are read all the same. Only a controller that cannot be reached at
@@ -28,6 +37,8 @@
 #define QEL_SENSORS_H
 
 #include <array>
+#include <ctime>
+#include <memory>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -35,6 +46,7 @@
 #include <vector>
 
 #include "qelExport.h"
+#include "qelSdr.h"
 #include "qelSdrRecord.h"
 #include "qelSensorConversion.h"
 
@@ -156,6 +168,9 @@ struct QEL_EXPORT DcmiPower {
 // reads them: see the table in qelSensors.cpp.
 QEL_EXPORT SensorState discreteState(uint8_t sensorType, uint8_t eventReadingType, uint16_t states);
 
+// The answers QelSensorReader keeps on disk (qelSensors.cpp).
+struct AnswerStore;
+
 class QEL_EXPORT QelSensorReader {
 public:
     QelSensorReader() = default;
@@ -177,6 +192,21 @@ public:
     // the reading either way.
     void setReadThresholds(bool read) { thresholds_ = read; }
 
+    // Thresholds set at run time (Set Sensor Thresholds) do not change the
+    // repository, so nothing tells a cached Get Sensor Thresholds answer is
+    // out of date: it is asked again once it is this old (seconds, by the
+    // platform's clock), which keeps `qelctl sensors` truthful within ten
+    // minutes. The state of a reading never comes from it.
+    static constexpr time_t thresholdsMaxAge = 10 * 60;
+
+    // Keep the answers of Get Sensor Reading Factors and Get Sensor
+    // Thresholds in `path` (QelSdrRepository::answersPath(), root prefix
+    // applied) for records read under `info`; answers kept for other
+    // repository info are dropped. An empty path: no cache.
+    void setAnswerCache(std::string path, const qelSdr::RepositoryInfo& info);
+    // What the answer cache ignored or could not write, one sentence each.
+    const std::vector<std::string>& notes() const;
+
     // Requests sent since the reader was made.
     unsigned int requestsSent() const { return requests_; }
     const std::string& lastProblem() const { return lastProblem_; }
@@ -189,6 +219,7 @@ private:
     std::string lastProblem_;
     int lastCompletionCode_ = -1;
     bool thresholds_ = true;
+    std::shared_ptr<AnswerStore> answers_;
 };
 
 }  // namespace qelSensors
