@@ -6,8 +6,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "agentPlatform.h"
 #include "qelSdr.h"
 #include "qelSensors.h"
+#include "scopedPlatform.h"
 #include "qelSimChassis.h"
 #include "qelSimDcmi.h"
 #include "qelSimDevice.h"
@@ -184,6 +190,186 @@ TEST_F(Sensors, NonLinearSensorsConvertWithTheReadingFactorsOfEachRange) {
     EXPECT_THAT(samples[0].problem, HasSubstr("Get Sensor Reading Factors"));
     EXPECT_THAT(samples[0].problem, HasSubstr("0xCB"));
     EXPECT_EQ(samples[0].state, SensorState::Nominal);
+}
+
+// ---------------------------------------------------------------- answers kept beside the SDR cache
+
+class SensorAnswers : public Sensors {
+protected:
+    static constexpr time_t start = 1790000000;
+    std::string root = makeRoot();
+    agentTest::AgentPlatform platform{root};
+    platformTest::ScopedPlatform scoped{&platform};
+    const std::string directory = "/var/cache/qeld/sdr";
+
+    static std::string makeRoot() {
+        char pattern[] = "/tmp/qelanswersXXXXXX";
+        const char* made = mkdtemp(pattern);
+        if (made == nullptr) ADD_FAILURE() << "mkdtemp failed";
+        return made ? made : "/nonexistent";
+    }
+    ~SensorAnswers() override { (void)std::system(("rm -rf '" + root + "'").c_str()); }
+
+    void SetUp() override {
+        platform.setTime(start);
+        // A compact pair without thresholds in its record, and a non-linear fan.
+        describe("sensor 0x0b temperature P1-DIMM unit=celsius record=compact share=2 modifier=numeric offset=1 "
+                 "unc=80 uc=85 reading=41");
+        describe("sensor 0x2c fan Fan7 unit=rpm linear=0x71 factors=0:50:0:0:0 factors=100:80:-300:1:0 lc=10 "
+                 "lnc=20 reading=120");
+    }
+
+    std::string file() const { return root + directory + "/" + qelSdr::QelSdrRepository::answersFileName; }
+
+    // One process's run: the repository through its cache, every sensor
+    // read by a reader of its own with the answers kept beside it.
+    std::vector<SensorSample> run() {
+        qelSdr::QelSdrRepository repo(directory);
+        repo.load();
+        sim->clearRequests();
+        fresh = QelSensorReader();
+        fresh.setAnswerCache(repo.answersPath(), repo.info());
+        return fresh.readAll(repo.records());
+    }
+
+    std::string readText() const {
+        std::ifstream in(file(), std::ios::binary);
+        std::ostringstream out;
+        out << in.rdbuf();
+        return out.str();
+    }
+    void writeText(const std::string& text) const { std::ofstream(file(), std::ios::binary | std::ios::trunc) << text; }
+
+    bool noted(const std::string& text) const {
+        for (const std::string& n : fresh.notes())
+            if (n.find(text) != std::string::npos) return true;
+        return false;
+    }
+
+    QelSensorReader fresh;
+};
+
+void expectSameSamples(const std::vector<SensorSample>& a, const std::vector<SensorSample>& b) {
+    ASSERT_EQ(a.size(), b.size());
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        EXPECT_EQ(a[i].name, b[i].name);
+        EXPECT_EQ(a[i].reading, b[i].reading) << a[i].name;
+        EXPECT_EQ(a[i].thresholds, b[i].thresholds) << a[i].name;
+        EXPECT_EQ(a[i].state, b[i].state) << a[i].name;
+        EXPECT_EQ(a[i].problem, b[i].problem) << a[i].name;
+    }
+}
+
+TEST_F(SensorAnswers, AWarmRunAsksOnlyTheReadingsAndGivesTheSameSamples) {
+    const std::vector<SensorSample> cold = run();
+    // The pair's thresholds, and factors for the fan's reading and its lowest threshold.
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 2u);
+    EXPECT_EQ(requests(cmd::getSensorReadingFactors), 2u);
+    ASSERT_EQ(cold.size(), 3u);
+    EXPECT_DOUBLE_EQ(*cold[2].reading, 6600.0);
+    EXPECT_EQ(cold[1].threshold(Threshold::UpperCritical), 85.0);
+
+    const std::vector<SensorSample> warm = run();
+    EXPECT_EQ(sim->requestCount(), 3u);
+    EXPECT_EQ(requests(cmd::getSensorReading), 3u);
+    EXPECT_EQ(fresh.requestsSent(), 3u);
+    EXPECT_TRUE(fresh.notes().empty());
+    expectSameSamples(warm, cold);
+}
+
+TEST_F(SensorAnswers, AReadingOutsideTheRangesOfTheKeptFactorsIsAskedAndAdded) {
+    (void)run();
+    // 120 was asked (holding up to 255) and 10 (holding up to 100): 5 lies in neither.
+    ASSERT_TRUE(sim->sdr().setReading(0x2c, 5));
+    std::vector<SensorSample> samples = run();
+    EXPECT_DOUBLE_EQ(*samples[2].reading, 250.0);
+    const auto asked = sim->requests(sensorNetfn, cmd::getSensorReadingFactors);
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(asked[0].data, (qelSim::Bytes{0x2c, 5}));
+    // Inside a kept range: nothing asked.
+    ASSERT_TRUE(sim->sdr().setReading(0x2c, 60));
+    samples = run();
+    EXPECT_DOUBLE_EQ(*samples[2].reading, 3000.0);
+    EXPECT_EQ(requests(cmd::getSensorReadingFactors), 0u);
+    // ... and the answer for 5 was kept as well.
+    ASSERT_TRUE(sim->sdr().setReading(0x2c, 5));
+    samples = run();
+    EXPECT_EQ(requests(cmd::getSensorReadingFactors), 0u);
+    EXPECT_DOUBLE_EQ(*samples[2].reading, 250.0);
+}
+
+TEST_F(SensorAnswers, ThresholdsAreAskedAgainOnceTheirAnswerIsTenMinutesOld) {
+    (void)run();
+    platform.setTime(start + QelSensorReader::thresholdsMaxAge - 1);
+    (void)run();
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 0u);
+    // Set at run time: the repository does not change.
+    sim->setHandler(sensorNetfn, cmd::getSensorThresholds, [](const qelSim::Request&) {
+        return qelSim::Response{0x00, 0x18, 0, 0, 0, 70, 75, 0};
+    });
+    platform.setTime(start + QelSensorReader::thresholdsMaxAge);
+    std::vector<SensorSample> samples = run();
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 2u);
+    EXPECT_EQ(samples[1].threshold(Threshold::UpperCritical), 75.0);
+    // Fresh again from then on; a clock set back makes the answers from the future asked again.
+    (void)run();
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 0u);
+    platform.setTime(start);
+    (void)run();
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 2u);
+}
+
+TEST_F(SensorAnswers, ARepositoryChangeDropsEveryKeptAnswer) {
+    (void)run();
+    ASSERT_FALSE(readText().empty());
+    describe("sensor 0x90 temperature \"DIMM Temp\" unit=celsius reading=30");
+    const std::vector<SensorSample> samples = run();
+    EXPECT_EQ(samples.size(), 4u);
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 2u);
+    EXPECT_EQ(requests(cmd::getSensorReadingFactors), 2u);
+    // Answers kept for other repository info are not used either.
+    std::string text = readText();
+    const std::size_t at = text.find("\nrepository ") + 12;
+    text.replace(at, 2, "01");  // another SDR version, the checksum made to match below
+    const std::size_t endAt = text.rfind("\nend ") + 1;
+    uint32_t h = 2166136261u;
+    for (std::size_t i = 0; i < endAt; ++i) {
+        h ^= static_cast<unsigned char>(text[i]);
+        h *= 16777619u;
+    }
+    char hash[16];
+    std::snprintf(hash, sizeof hash, "%08x", h);
+    text = text.substr(0, text.rfind(' ') + 1) + hash + "\n";
+    writeText(text);
+    (void)run();
+    EXPECT_EQ(requests(cmd::getSensorThresholds), 2u);
+    EXPECT_EQ(requests(cmd::getSensorReadingFactors), 2u);
+    EXPECT_TRUE(fresh.notes().empty());
+}
+
+TEST_F(SensorAnswers, ACorruptOrShortAnswersFileIsIgnoredWithANote) {
+    const std::vector<SensorSample> cold = run();
+    const std::string good = readText();
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {good.substr(0, good.size() / 2), "truncated"},
+        {good.substr(0, good.find("thresholds")) + "thresholds 20 00 0b zz\n" +
+             good.substr(good.rfind("\nend ") + 1),
+         "corrupt"},
+        {std::string(good).replace(good.find("factors") + 8, 2, "21"), "corrupt (its checksum"},
+        {"\x7f" "ELF\x01", "not an answers file"},
+        {"", "not an answers file"},
+    };
+    for (const auto& [text, why] : bad) {
+        writeText(text);
+        const std::vector<SensorSample> samples = run();
+        EXPECT_TRUE(noted(why)) << why;
+        EXPECT_EQ(requests(cmd::getSensorThresholds), 2u) << why;
+        EXPECT_EQ(requests(cmd::getSensorReadingFactors), 2u) << why;
+        expectSameSamples(samples, cold);
+        // Replaced by a good one.
+        (void)run();
+        EXPECT_EQ(sim->requestCount(), 3u) << why;
+    }
 }
 
 TEST_F(Sensors, UnavailableOrUnscannedReadingsHaveNoValueAndNoProblem) {
