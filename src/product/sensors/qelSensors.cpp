@@ -586,12 +586,17 @@ void AnswerStore::save() {
     changed = false;
 }
 
+QelSensorReader::QelSensorReader() = default;
+QelSensorReader::~QelSensorReader() = default;
+QelSensorReader::QelSensorReader(QelSensorReader&&) noexcept = default;
+QelSensorReader& QelSensorReader::operator=(QelSensorReader&&) noexcept = default;
+
 void QelSensorReader::setAnswerCache(std::string path, const sdr::RepositoryInfo& info) {
     if (path.empty()) {
         answers_.reset();
         return;
     }
-    answers_ = std::make_shared<AnswerStore>();
+    answers_.reset(new AnswerStore);
     answers_->path = std::move(path);
     answers_->key = info.key();
     answers_->load();

@@ -173,7 +173,10 @@ struct AnswerStore;
 
 class QEL_EXPORT QelSensorReader {
 public:
-    QelSensorReader() = default;
+    QelSensorReader();
+    ~QelSensorReader();
+    QelSensorReader(QelSensorReader&&) noexcept;
+    QelSensorReader& operator=(QelSensorReader&&) noexcept;
 
     // Every sensor of `records` (full and compact records, one sample per
     // sensor a shared record stands for), in record order. Throws
@@ -219,7 +222,7 @@ private:
     std::string lastProblem_;
     int lastCompletionCode_ = -1;
     bool thresholds_ = true;
-    std::shared_ptr<AnswerStore> answers_;
+    std::unique_ptr<AnswerStore> answers_;
 };
 
 }  // namespace qelSensors
