@@ -30,6 +30,13 @@
 # Exits non-zero when a client fails to run or does not list the sensors; a
 # missed goal is only reported.
 # Not part of the test suite: run it by hand on a quiet machine.
+# On the shared 2-core machine (one core busy with a VM), three runs of 11:
+# qelctl --json sensors 2.95-3.30 / 3.54-4.78 / 3.93-6.16 ms (min/median/max),
+# metrics ipmi,dcmi,chassis 2.65-3.16 / 3.18-4.04 / 3.92-4.74, ipmi-sensors
+# 17.58-18.62 / 20.89-24.95 / 23.04-26.19, sensor list 36.09-39.85 /
+# 39.27-58.21 / 60.97-67.19: 0.170x-0.193x and 0.152x-0.181x of ipmi-sensors.
+# Requests: 66 (sensors) and 68 (metrics ipmi,dcmi,chassis) for 65 sensors,
+# 73 with every collector; ipmi-sensors 57, sensor list 284.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/plain}
@@ -80,7 +87,8 @@ check() { # NAME STATUS
       # A section the controller refuses ends metrics with 1, the other
       # samples written all the same; only no sample at all is a failure.
       [ "$status" = 0 ] || [ "$status" = 1 ] || fail "qelctl $name failed (exit $status): $(tail -3 "$work/$name.err")"
-      grep -q '^qel_up 1$' "$work/$name.out" || fail "qelctl $name wrote no qel_up 1: $(tail -3 "$work/$name.err")" ;;
+      grep -q '^ipmi_up{collector="ipmi"} 1$' "$work/$name.out" ||
+        fail "qelctl $name: the ipmi collector is not up: $(tail -3 "$work/$name.err")" ;;
     *)
       [ "$status" = 0 ] || fail "$name failed (exit $status): $(tail -3 "$work/$name.err")"
       lines=$(grep -c '|' "$work/$name.out" || true)
@@ -162,5 +170,5 @@ for ours in sensors metrics; do
   [ "$ok" = met ] || verdict=missed
   echo "requests per run, $(label "$ours"): $r for $sensors sensors (goal at most $((sensors + 3)): $ok)"
 done
-echo "requests per run, $(label metrics-all): $(requests metrics-all) (not judged: bmc, bmc-watchdog and sel cost a request each)"
+echo "requests per run, $(label metrics-all): $(requests metrics-all), $(($(requests metrics-all) - $(requests metrics))) more for the bmc, bmc-watchdog and sel collectors' own figures (not judged)"
 echo "verdict: goals $verdict"
