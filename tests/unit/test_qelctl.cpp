@@ -1002,12 +1002,14 @@ TEST(QelctlSensorsRack, AWarmRunAsksTheRepositoryInfoAndOneReadingASensorAndSays
     qelSim::loadDescription(sim.bmc(), description, "rack.conf");
     TempDir cache;
     ::setenv("CACHE_DIRECTORY", cache.path().c_str(), 1);
+    struct Unset {
+        ~Unset() { ::unsetenv("CACHE_DIRECTORY"); }
+    } unset;
     const CommandRun cold = runArgs(qelctl::addSensors, {"sensors"}, true);
     ASSERT_EQ(cold.status, qelctl::exitOk) << cold.err;
     EXPECT_GT(sim->requests(0x04, 0x27).size(), 0u) << "compact records' thresholds asked cold";
     sim->clearRequests();
     const CommandRun warm = runArgs(qelctl::addSensors, {"sensors"}, true);
-    ::unsetenv("CACHE_DIRECTORY");
     ASSERT_EQ(warm.status, qelctl::exitOk) << warm.err;
     Json coldDoc = Json::parse(cold.out), warmDoc = Json::parse(warm.out);
     ASSERT_EQ(warmDoc["sensors"].size(), 65u);
