@@ -10,9 +10,11 @@
 #    status) through the socket qeld and qelctl use, with the SDR repository
 #    and the sensors' kept answers from qeld's cache (a directory of our own
 #    through $CACHE_DIRECTORY); and, for information only, `qelctl metrics`
-#    with every collector, whose bmc, bmc-watchdog and sel collectors each
-#    cost a request of their own (Get Device ID, Get Watchdog Timer, Get SEL
-#    Info) that no cache can spare: the goals are judged on the first two;
+#    with every collector, whose bmc, bmc-watchdog and sel collectors cost
+#    five requests of their own that no cache can spare (Get Device ID and
+#    Get System Info Parameters for the system firmware version; Get
+#    Watchdog Timer and the configuration space read of the agent's side;
+#    Get SEL Info): the goals are judged on the first two;
 #  - ipmi-sensors (FreeIPMI) with its SDR cache, and `ipmitool sensor list`
 #    (which reads the SDR it needs each time), through the stand-in
 #    /dev/ipmi0 (the preload library), as admins run them.
@@ -36,7 +38,7 @@
 # 17.58-18.62 / 20.89-24.95 / 23.04-26.19, sensor list 36.09-39.85 /
 # 39.27-58.21 / 60.97-67.19: 0.170x-0.193x and 0.152x-0.181x of ipmi-sensors.
 # Requests: 66 (sensors) and 68 (metrics ipmi,dcmi,chassis) for 65 sensors,
-# 73 with every collector; ipmi-sensors 57, sensor list 284.
+# 73 with every collector (68 + 5); ipmi-sensors 57, sensor list 284.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/plain}
