@@ -1,9 +1,6 @@
 // qelctl sel: the controller's event log. `info` is the log's state, `list`
 // and `get` its records with the same text the forwarder gives the journal,
 // `clear` erases it (only with --yes: what is erased is gone).
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -37,14 +34,8 @@ std::string timeText(uint32_t t) {
 // leaves the names out, never the records.
 const std::vector<qelSdr::SensorName>& sensorNames() {
     static const std::vector<qelSdr::SensorName> names = [] {
-        const char* env = std::getenv("CACHE_DIRECTORY");
-        const std::string cache = std::string(env != nullptr && env[0] == '/' ? env : "/var/cache/qeld") + "/sdr";
-        struct stat info;
-        const bool cached = ::stat(cache.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && ::access(cache.c_str(), W_OK) == 0;
         try {
-            qelSdr::QelSdrRepository repository(cached ? cache : std::string());
-            repository.load();
-            return repository.sensorNames();
+            return qelSdr::sensorNames(sdrRecords("sel"));
         } catch (const std::exception&) {
             return std::vector<qelSdr::SensorName>();
         }
