@@ -214,15 +214,6 @@ constexpr const char* cacheMagic = "qel-sdr-cache 2";
 // Far above any repository (65535 records of 260 bytes in hex).
 constexpr off_t maxCacheSize = 64L * 1024 * 1024;
 
-uint32_t fnv1a(std::string_view text) {
-    uint32_t h = 2166136261u;
-    for (unsigned char c : text) {
-        h ^= c;
-        h *= 16777619u;
-    }
-    return h;
-}
-
 std::string hexBytes(const Bytes& bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
@@ -314,7 +305,7 @@ std::string formatCache(const Bytes& identity, const RepositoryInfo& info, const
     for (const SdrRecord& r : records) out << "record " << hexBytes(r.bytes) << '\n';
     std::string text = out.str();
     char end[48];
-    std::snprintf(end, sizeof end, "end %zu %08x\n", records.size(), fnv1a(text));
+    std::snprintf(end, sizeof end, "end %zu %08x\n", records.size(), cacheChecksum(text));
     return text + end;
 }
 
@@ -339,7 +330,7 @@ std::string parseCache(const std::string& text, CacheContents& out) {
         if (word != "end" || !parseUnsigned(countWord, 0xFFFF, count) || hashWord.size() != 8 || !end.next().empty())
             return "corrupt (bad end line)";
         char hash[16];
-        std::snprintf(hash, sizeof hash, "%08x", fnv1a(body));
+        std::snprintf(hash, sizeof hash, "%08x", cacheChecksum(body));
         if (hashWord != hash) return "corrupt (its checksum does not match its contents)";
         out.records.reserve(count);
         // The magic line is checked; the others follow it, each ending in

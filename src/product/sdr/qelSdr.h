@@ -7,11 +7,12 @@
 // that one request. When the controller's identity is known (given, or the
 // process's Get Device ID answer), a cache written for another controller or
 // without an identity is not taken; when it is not known, no Get Device ID
-// is sent for it and the repository info alone decides. Otherwise it reserves the repository and reads
-// every record by following the next-record IDs the controller returns (never
-// by counting), each one as its 5-byte header and then its body in pieces: 32
-// bytes at first, 16 once the controller answers 0xCA (many refuse more than
-// 16), smaller only if it refuses those as well. A cancelled reservation
+// is sent for it and the repository info alone decides. Otherwise it
+// reserves the repository and reads every record by following the
+// next-record IDs the controller returns (never by counting), each one as its
+// 5-byte header and then its body in pieces: 32 bytes at first, 16 once the
+// controller answers 0xCA (many refuse more than 16), smaller only if it
+// refuses those as well. A cancelled reservation
 // (0xC5: the repository changed or someone else reserved it) is taken again
 // and the record re-read, at most maxReservations times per load. A reply
 // that does not add up (too short, a length that disagrees with the header,
@@ -30,12 +31,25 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "qelExport.h"
 #include "qelSdrRecord.h"
 
 namespace qelSdr {
+
+// The check the cache files end with (the repository's, and the sensors'
+// answers kept beside it): the 32-bit FNV-1a hash of every byte before
+// their end line. Inline: it is no part of the library's binary interface.
+inline uint32_t cacheChecksum(std::string_view text) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : text) {
+        h ^= c;
+        h *= 16777619u;
+    }
+    return h;
+}
 
 // The answer to Get SDR Repository Info.
 struct QEL_EXPORT RepositoryInfo {

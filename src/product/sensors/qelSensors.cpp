@@ -154,15 +154,6 @@ private:
 
 constexpr const char* answersMagic = "qel-sensor-answers 1";
 
-uint32_t fnv1a(std::string_view text) {
-    uint32_t h = 2166136261u;
-    for (unsigned char c : text) {
-        h ^= c;
-        h *= 16777619u;
-    }
-    return h;
-}
-
 uint32_t sensorKey(uint8_t owner, uint8_t lun, uint8_t number) {
     return static_cast<uint32_t>(owner) << 16 | static_cast<uint32_t>(lun) << 8 | number;
 }
@@ -223,7 +214,7 @@ std::string parseAnswers(const std::string& text, AnswerStore& store, std::strin
         !decimal(countWord, 0xFFFFFF, count) || hashWord.size() != 8)
         return "corrupt (bad end line)";
     char hash[16];
-    std::snprintf(hash, sizeof hash, "%08x", fnv1a(body));
+    std::snprintf(hash, sizeof hash, "%08x", qelSdr::cacheChecksum(body));
     if (hashWord != hash) return "corrupt (its checksum does not match its contents)";
     std::istringstream lines(body);
     std::string line;
@@ -580,7 +571,7 @@ void AnswerStore::save() {
     }
     const std::string body = out.str();
     char end[48];
-    std::snprintf(end, sizeof end, "end %zu %08x\n", factors.size() + thresholds.size(), fnv1a(body));
+    std::snprintf(end, sizeof end, "end %zu %08x\n", factors.size() + thresholds.size(), qelSdr::cacheChecksum(body));
     if (const int e = sdr::QelSdrRepository::writeCacheFile(path, body + end))
         notes.push_back("sensor answers cache " + path + ": not written (" + std::strerror(e) + ")");
     changed = false;
