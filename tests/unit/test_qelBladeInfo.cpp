@@ -890,7 +890,7 @@ Bytes enclosure(uint16_t handle, const std::string& serial) {
 
 // System Information strings: manufacturer, product, version, serial, SKU,
 // family.
-std::vector<std::string> systemStrings(const std::string& serial, const std::string& product = "RX 2540",
+std::vector<std::string> systemStrings(const std::string& serial, const std::string& product = "RS 410",
                                        const std::string& family = "RIVERLINE") {
     return {"Maker", product, "1.0", serial, "SKU-1", family};
 }
@@ -997,7 +997,7 @@ TEST_F(Detection, ControllerWithOemFeaturesIsABladeSystem) {
 
 TEST_F(Detection, AldercroftFamilyOrProductMakesAnAcSystemThatReportsItsStatus) {
     typicalBoard();
-    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "RX 2540", "ALDERCROFT")),
+    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "RS 410", "ALDERCROFT")),
                enclosure(2, "SN-1"), enclosure(3, "SN-1")});
     QelBladeInfo family(3, true);
     EXPECT_TRUE(family.acSystem);
@@ -1009,7 +1009,7 @@ TEST_F(Detection, AldercroftFamilyOrProductMakesAnAcSystemThatReportsItsStatus) 
                enclosure(2, "SN-1")});
     EXPECT_TRUE(QelBladeInfo(3, true).acSystem);
 
-    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "RX 2540", "ALDERCROFT 2")),
+    writeHost({smbiosTest::systemInformation(1, systemStrings("SN-1", "RS 410", "ALDERCROFT 2")),
                enclosure(2, "SN-1")});
     EXPECT_FALSE(QelBladeInfo(3, true).acSystem) << "the family must equal the name";
 }

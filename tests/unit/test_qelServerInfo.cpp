@@ -282,7 +282,7 @@ protected:
     // of kernel (the SMBIOS reader keeps the first kernel it saw).
     void writeAldercroftHost() {
         std::vector<Bytes> all = {
-            smbiosTest::systemInformation(1, {"Maker", "RX 2540", "1.0", "SN-1", "SKU-1", "ALDERCROFT"}),
+            smbiosTest::systemInformation(1, {"Maker", "RS 410", "1.0", "SN-1", "SKU-1", "ALDERCROFT"}),
             enclosure(2), enclosure(3), smbiosTest::endOfTable(0xFF)};
         const Bytes table = smbiosTest::concat(all);
         smbiosTest::writeLinuxMemory(root.path(), 0xF0000, 0xE0000, table, 4);

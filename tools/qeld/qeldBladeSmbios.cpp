@@ -52,7 +52,7 @@ std::string simulatedBladeSmbios() {
     system[25] = 5;
     system[26] = 6;
     addStructure(table, system,
-                 {"QEL Computing", "ALDERCROFT BX2580 (simulated)", "1.0", "SIMBLADE0003", "SIM-BX2580",
+                 {"QEL Computing", "ALDERCROFT BL3400 (simulated)", "1.0", "SIMBLADE0003", "SIM-BL3400",
                   "ALDERCROFT"});
     // Type 3, System Enclosure: the chassis, whose serial differs from the
     // blade's.
