@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "qelSdr.h"
+#include "qelSdrRecord.h"
 #include "qelSel.h"
 #include "qelSelText.h"
 #include "qelctlCommands.h"

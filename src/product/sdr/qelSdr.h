@@ -12,9 +12,9 @@
 // next-record IDs the controller returns (never by counting), each one as its
 // 5-byte header and then its body in pieces: 32 bytes at first, 16 once the
 // controller answers 0xCA (many refuse more than 16), smaller only if it
-// refuses those as well. A cancelled reservation
-// (0xC5: the repository changed or someone else reserved it) is taken again
-// and the record re-read, at most maxReservations times per load. A reply
+// refuses those as well. A cancelled reservation (0xC5: the repository
+// changed or someone else reserved it) is taken again and the record
+// re-read, at most maxReservations times per load. A reply
 // that does not add up (too short, a length that disagrees with the header,
 // a record ID seen twice, a completion code other than these) throws
 // QelSdrError naming the record and what was wrong; nothing hangs and nothing

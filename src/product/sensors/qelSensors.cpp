@@ -571,7 +571,8 @@ void AnswerStore::save() {
     }
     const std::string body = out.str();
     char end[48];
-    std::snprintf(end, sizeof end, "end %zu %08x\n", factors.size() + thresholds.size(), qelSdr::cacheChecksum(body));
+    std::snprintf(end, sizeof end, "end %zu %08x\n", factors.size() + thresholds.size(),
+                  qelSdr::cacheChecksum(body));
     if (const int e = sdr::QelSdrRepository::writeCacheFile(path, body + end))
         notes.push_back("sensor answers cache " + path + ": not written (" + std::strerror(e) + ")");
     changed = false;
